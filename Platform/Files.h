@@ -1,0 +1,55 @@
+// Whole files, atomic replacement, appended records, directory listings. Only regular files are read or
+// appended to: a directory, a FIFO or a device counts as absent, and nothing ever blocks on one. Descriptors are
+// closed on exec.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+namespace Files {
+
+// The whole content; absent when the file is missing, unreadable or not a regular file.
+std::optional<std::string> read(const std::string& path);
+
+// The content from byte `offset` to the end (all of it when `offset` is negative or beyond the end), in one
+// snapshot of the size. Absent as for `read`.
+std::optional<std::string> readFrom(const std::string& path, std::int64_t offset);
+
+bool exists(const std::string& path);  // of any kind, links followed
+
+// Size in bytes, links followed; absent when the file's attributes cannot be read.
+std::optional<std::int64_t> size(const std::string& path);
+
+// Replaces the file by one with this content, through a temporary file of its own beside it and a rename: a kill
+// at any instant leaves the old content or the new. A link is replaced, not its target. The new file has
+// `mode`. Returns the error that prevented it, if any; the old file is then untouched.
+std::error_code write(const std::string& path, std::string_view bytes, unsigned mode = 0600);
+
+// Renames `from` to `to`, replacing it in one step.
+std::error_code move(const std::string& from, const std::string& to);
+
+// Appends `record` (which ends with a line feed) in one write to a file that is created with mode 0600 when
+// missing. A torn last line left by an earlier failure is ended first. False when it could not be written whole.
+bool append(const std::string& path, std::string_view record);
+
+bool remove(const std::string& path);  // false when it was not removed
+
+// Creates `path` and its missing parents, each with mode 0700. No error when it is there already.
+std::error_code makeDirectories(const std::string& path);
+
+
+// The names in a directory, sorted by bytes, without "." and ".."; empty when it cannot be listed.
+std::vector<std::string> list(const std::string& directory);
+
+// When the content was last modified; absent when it cannot be told.
+std::optional<std::chrono::system_clock::time_point> modified(const std::string& path);
+
+// Permission bits of the file, links not followed; absent when it is missing or not a regular file.
+std::optional<unsigned> mode(const std::string& path);
+
+}  // namespace Files

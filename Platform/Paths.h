@@ -1,0 +1,28 @@
+// Path texts: expansion, standard form, last component, glob match. Nothing here fails.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace Paths {
+
+// A lone leading tilde, or one before "/", stands for the current user's home directory, one before a user name
+// for that user's. An unknown user's tilde stays.
+std::string expandTilde(std::string_view path);
+
+// Every "$NAME", then every "${NAME}", of each variable of the environment replaced by its value, literally.
+// Variables are taken in the order of the longest name first, so that none is cut short by another's prefix.
+std::string expandVariables(std::string path);
+
+// Collapses repeated "/", drops "." components and a trailing "/", expands a leading tilde, and resolves ".."
+// against the component before it (an absolute path's symbolic links are resolved first where they exist; in a
+// relative path ".." stays). A leading "/private" is dropped when the path without it exists.
+std::string standardize(std::string_view path);
+
+// The part after the last "/", trailing ones disregarded; "/" for the root, empty for the empty path.
+std::string_view lastComponent(std::string_view path);
+
+// POSIX fnmatch(3) with flags 0: "*" and "?" also match "/", a leading "." is no special case.
+bool glob(const std::string& pattern, const std::string& candidate);
+
+}  // namespace Paths

@@ -1,0 +1,34 @@
+// This process: its environment, its user's home, its executable, its children. Nothing here fails.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace Process {
+
+// The value of an environment variable; absent when it is not set (an empty value is not absence).
+std::optional<std::string> environment(const char* name);
+
+// All variables of the environment as name and value.
+std::vector<std::pair<std::string, std::string>> environment();
+
+// The current user's home directory: HOME when it is set and not empty, else the user database's; empty when
+// neither tells.
+std::string home();
+
+// The home directory of the user of that name; absent when there is none.
+std::optional<std::string> homeOf(const std::string& user);
+
+int id();
+
+// The path of the running executable with symbolic links resolved; empty when the system does not tell.
+std::string executable();
+
+// Runs `path` with `arguments`, its standard input and error empty, and waits for its end. Returns all that it
+// wrote to standard output; absent when it cannot be started. It inherits no descriptor of ours.
+std::optional<std::string> run(const std::string& path, const std::vector<std::string>& arguments);
+
+}  // namespace Process

@@ -1,0 +1,31 @@
+// Text as people see it. All texts are UTF-8; bytes that are not count as one replacement character each.
+// Plain ASCII takes a path of its own that touches no Unicode table. Nothing here fails.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace Text {
+
+// The first `count` user-perceived characters (extended grapheme clusters, UAX #29) of `text`, or all of it
+// when it has no more. A carriage return and its line feed are one character; so are a flag and an emoji
+// sequence. Never cuts inside one.
+std::string_view prefix(std::string_view text, std::size_t count);
+
+enum class Space {
+  blanks,      // space and horizontal tab
+  horizontal,  // horizontal tab and the Unicode space separators (category Zs)
+  any,         // those, and the line breaks U+000A to U+000D, U+0085, U+2028, U+2029
+};
+
+// `text` without white space of the given kind at both ends.
+std::string_view trim(std::string_view text, Space kind);
+
+// Lower case by the root locale's full mapping.
+std::string lowercased(std::string_view text);
+
+// Whether `part` stands in `text` when both are case-folded (full folding). An empty `part` never does.
+bool containsIgnoringCase(std::string_view text, std::string_view part);
+
+}  // namespace Text
