@@ -1,6 +1,6 @@
-// Where the control plane is, which key to present to it, which agent is recorded, and what a policy check that
-// cannot be answered means. Gathered afresh by every invocation; a missing or unreadable source contributes
-// nothing, and loading never fails.
+// Where the control plane is, which key to present to it, which agent is recorded, and what a policy check
+// that cannot be answered means. Gathered afresh by every invocation; a missing or unreadable source
+// contributes nothing, and loading never fails.
 #pragma once
 
 #include <map>
@@ -21,9 +21,10 @@ struct ObriskHookConfig {
   // The profiles of `~/.obrisk/config`; empty when it cannot be read or is not UTF-8.
   static Profiles parseConfigFile();
 
-  // `requestedProfile`: the only profile to search, else the default list. `process`: the label of the calling
-  // agent ("claude", "Cursor", "copilot"), for the device identity request.
-  static ObriskHookConfig load(const std::optional<std::string>& requestedProfile, const std::string& process);
+  // `requestedProfile`: the only profile to search, else the default list. `process`: the label of the
+  // calling agent ("claude", "Cursor", "copilot"), for the device identity request.
+  static ObriskHookConfig load(const std::optional<std::string>& requestedProfile,
+                               const std::string& process);
 
   bool operator==(const ObriskHookConfig&) const = default;
 };

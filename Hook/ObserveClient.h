@@ -1,6 +1,6 @@
-// The control plane's Observe API. Every operation sends one JSON object and maps the answer into a record whose
-// members have defaults. An absent result means: not configured, refused (4xx), or unreachable after all attempts;
-// the activity log tells which. Nothing here throws.
+// The control plane's Observe API. Every operation sends one JSON object and maps the answer into a record
+// whose members have defaults. An absent result means: not configured, refused (4xx), or unreachable after
+// all attempts; the activity log tells which. Nothing here throws.
 #pragma once
 
 #include <chrono>

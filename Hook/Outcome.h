@@ -1,5 +1,5 @@
-// The result of one event, and its rendering for Claude Code. The adapters render the same outcome for the other
-// agents.
+// The result of one event, and its rendering for Claude Code. The adapters render the same outcome for the
+// other agents.
 #pragma once
 
 #include <string>

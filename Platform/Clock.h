@@ -8,7 +8,9 @@ namespace Clock {
 
 using Time = std::chrono::system_clock::time_point;
 
-inline Time now() { return std::chrono::system_clock::now(); }
+inline Time now() {
+  return std::chrono::system_clock::now();
+}
 
 // ISO 8601 internet date-time (RFC 3339) with milliseconds, truncated: 2026-01-31T09:15:00.123Z
 std::string dateTime(Time time = now());

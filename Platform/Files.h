@@ -1,6 +1,6 @@
 // Whole files, atomic replacement, appended records, directory listings. Only regular files are read or
-// appended to: a directory, a FIFO or a device counts as absent, and nothing ever blocks on one. Descriptors are
-// closed on exec.
+// appended to: a directory, a FIFO or a device counts as absent, and nothing ever blocks on one. Descriptors
+// are closed on exec.
 #pragma once
 
 #include <chrono>
@@ -25,8 +25,8 @@ bool exists(const std::string& path);  // of any kind, links followed
 // Size in bytes, links followed; absent when the file's attributes cannot be read.
 std::optional<std::int64_t> size(const std::string& path);
 
-// Replaces the file by one with this content, through a temporary file of its own beside it and a rename: a kill
-// at any instant leaves the old content or the new. A link is replaced, not its target. The new file has
+// Replaces the file by one with this content, through a temporary file of its own beside it and a rename: a
+// kill at any instant leaves the old content or the new. A link is replaced, not its target. The new file has
 // `mode`. Returns the error that prevented it, if any; the old file is then untouched.
 std::error_code write(const std::string& path, std::string_view bytes, unsigned mode = 0600);
 
@@ -34,14 +34,14 @@ std::error_code write(const std::string& path, std::string_view bytes, unsigned 
 std::error_code move(const std::string& from, const std::string& to);
 
 // Appends `record` (which ends with a line feed) in one write to a file that is created with mode 0600 when
-// missing. A torn last line left by an earlier failure is ended first. False when it could not be written whole.
+// missing. A torn last line left by an earlier failure is ended first. False when it could not be written
+// whole.
 bool append(const std::string& path, std::string_view record);
 
 bool remove(const std::string& path);  // false when it was not removed
 
 // Creates `path` and its missing parents, each with mode 0700. No error when it is there already.
 std::error_code makeDirectories(const std::string& path);
-
 
 // The names in a directory, sorted by bytes, without "." and ".."; empty when it cannot be listed.
 std::vector<std::string> list(const std::string& directory);

@@ -3,8 +3,9 @@
 // http and https; TLS 1.2 or newer, certificate and host name verified against the system's store
 // (SSL_CERT_FILE and SSL_CERT_DIR honoured); HTTPS_PROXY, HTTP_PROXY and NO_PROXY honoured, with CONNECT and
 // basic credentials. Redirects are not followed: the key must not travel on. A kept connection that proves
-// closed before any byte of the answer is replaced once, unseen. When a host has several addresses the next is
-// tried after a few seconds. Answers are bounded: head 64 KiB, body 16 MB; a larger one is a transport error.
+// closed before any byte of the answer is replaced once, unseen. When a host has several addresses the next
+// is tried after a few seconds. Answers are bounded: head 64 KiB, body 16 MB; a larger one is a transport
+// error.
 //
 // Never throws, never waits longer than the overall deadline, whatever the server or the name server does.
 #pragma once
@@ -31,16 +32,16 @@ struct Response {
 };
 
 // Sends `request` and waits for the whole answer. `timeout` bounds every wait without progress and gives a
-// transport error; `overall` bounds the exchange and gives status 0 without an error. A URL that is not absolute
-// http or https is a transport error.
+// transport error; `overall` bounds the exchange and gives status 0 without an error. A URL that is not
+// absolute http or https is a transport error.
 Response exchange(const Request& request, std::chrono::milliseconds timeout,
                   std::chrono::milliseconds overall);
 
 // Whether `text` is a URL by its grammar (an RFC 3986 reference that is not empty), whatever its scheme.
 bool isUrl(const std::string& text);
 
-// `url` with `path` appended as path components (exactly one "/" between the two) and the query set to the one item
-// `name`=`value`, percent-encoded. Absent when `url` does not parse as a URL.
+// `url` with `path` appended as path components (exactly one "/" between the two) and the query set to the
+// one item `name`=`value`, percent-encoded. Absent when `url` does not parse as a URL.
 std::optional<std::string> withPathAndQuery(const std::string& url, const std::string& path,
                                             const std::string& name, const std::string& value);
 

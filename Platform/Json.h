@@ -25,7 +25,12 @@ class Json {
 
   class Object {
    public:
-    Object() = default;
+    Object();
+    Object(const Object&);
+    Object(Object&&) noexcept;
+    Object& operator=(const Object&);
+    Object& operator=(Object&&) noexcept;
+    ~Object();
     Object(std::initializer_list<Member> members);  // of equal keys the last holds
     explicit Object(std::vector<Member> members);   // in any order; of equal keys the last holds
 
@@ -34,8 +39,8 @@ class Json {
     std::vector<Member>::const_iterator begin() const;
     std::vector<Member>::const_iterator end() const;
 
-    const Json* find(std::string_view key) const;  // null when there is no such member
-    void set(std::string_view key, Json value);    // adds or replaces
+    const Json* find(std::string_view key) const;    // null when there is no such member
+    void set(std::string_view key, Json value);      // adds or replaces
     std::optional<Json> take(std::string_view key);  // removes and returns; absent when there is none
 
     // The member's value, or the empty value when it is missing or of another type. References live as long

@@ -6,8 +6,8 @@
 
 namespace Paths {
 
-// A lone leading tilde, or one before "/", stands for the current user's home directory, one before a user name
-// for that user's. An unknown user's tilde stays.
+// A lone leading tilde, or one before "/", stands for the current user's home directory, one before a user
+// name for that user's. An unknown user's tilde stays.
 std::string expandTilde(std::string_view path);
 
 // Every "$NAME", then every "${NAME}", of each variable of the environment replaced by its value, literally.
@@ -15,8 +15,8 @@ std::string expandTilde(std::string_view path);
 std::string expandVariables(std::string path);
 
 // Collapses repeated "/", drops "." components and a trailing "/", expands a leading tilde, and resolves ".."
-// against the component before it (an absolute path's symbolic links are resolved first where they exist; in a
-// relative path ".." stays). A leading "/private" is dropped when the path without it exists.
+// against the component before it (an absolute path's symbolic links are resolved first where they exist; in
+// a relative path ".." stays). A leading "/private" is dropped when the path without it exists.
 std::string standardize(std::string_view path);
 
 // The part after the last "/", trailing ones disregarded; "/" for the root, empty for the empty path.

@@ -27,8 +27,8 @@ int id();
 // The path of the running executable with symbolic links resolved; empty when the system does not tell.
 std::string executable();
 
-// Runs `path` with `arguments`, its standard input and error empty, and waits for its end. Returns all that it
-// wrote to standard output; absent when it cannot be started. It inherits no descriptor of ours.
+// Runs `path` with `arguments`, its standard input and error empty, and waits for its end. Returns all that
+// it wrote to standard output; absent when it cannot be started. It inherits no descriptor of ours.
 std::optional<std::string> run(const std::string& path, const std::vector<std::string>& arguments);
 
 }  // namespace Process

@@ -1,8 +1,8 @@
 // Regular expressions in ICU syntax, compiled with the case option and no other, searched unanchored.
 //
 // Patterns and subjects may be hostile, so every search runs against a budget: a search that outlives it, or
-// that exhausts the matcher's own stack, counts as a match, for what cannot be checked in time is objected to.
-// An invalid pattern is absent.
+// that exhausts the matcher's own stack, counts as a match, for what cannot be checked in time is objected
+// to. An invalid pattern is absent.
 #pragma once
 
 #include <chrono>

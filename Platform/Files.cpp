@@ -1,0 +1,198 @@
+#include "Platform/Files.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace Files {
+
+namespace {
+
+// No file has a NUL in its name; the empty path stands for one that does, and is never found.
+const char* cPath(const std::string& path) {
+  return path.find('\0') == path.npos ? path.c_str() : "";
+}
+
+std::error_code lastError() {
+  return {errno, std::generic_category()};
+}
+
+// An open file that is closed at the end of its scope; `valid()` is false when opening failed.
+class Descriptor {
+ public:
+  explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() {
+    if (valid()) ::close(descriptor_);
+  }
+  bool valid() const { return descriptor_ >= 0; }
+  int get() const { return descriptor_; }
+
+ private:
+  int descriptor_;
+};
+
+// Opens without ever waiting for a FIFO's other end; attributes are absent when it is no regular file.
+std::optional<struct stat> regularFile(const Descriptor& file) {
+  struct stat attributes;
+  if (!file.valid() || ::fstat(file.get(), &attributes) != 0 || !S_ISREG(attributes.st_mode))
+    return std::nullopt;
+  return attributes;
+}
+
+bool writeAll(int descriptor, std::string_view bytes) {
+  while (!bytes.empty()) {
+    ssize_t count = ::write(descriptor, bytes.data(), bytes.size());
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) return false;
+    bytes.remove_prefix(static_cast<std::size_t>(count));
+  }
+  return true;
+}
+
+std::optional<std::string> contentFrom(const Descriptor& file, std::size_t from, std::size_t size) {
+  std::string content;
+  content.resize(size - from);
+  std::size_t filled = 0;
+  while (filled < content.size()) {
+    ssize_t count = ::pread(file.get(), content.data() + filled, content.size() - filled,
+                            static_cast<off_t>(from + filled));
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return std::nullopt;
+    if (count == 0) break;  // truncated meanwhile
+    filled += static_cast<std::size_t>(count);
+  }
+  content.resize(filled);
+  return content;
+}
+
+Descriptor openForReading(const std::string& path) {
+  return Descriptor(::open(cPath(path), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+}
+
+// A new file beside `path`, with the name that `pattern` is set to.
+Descriptor createBeside(const std::string& path, std::string& name) {
+  name = path.substr(0, path.rfind('/') + 1) + ".quib-XXXXXX";
+#ifdef __APPLE__
+  int descriptor = ::mkstemp(name.data());
+  if (descriptor >= 0) ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
+  return Descriptor(descriptor);
+#else
+  return Descriptor(::mkostemp(name.data(), O_CLOEXEC));
+#endif
+}
+
+}  // namespace
+
+std::optional<std::string> read(const std::string& path) {
+  return readFrom(path, 0);
+}
+
+std::optional<std::string> readFrom(const std::string& path, std::int64_t offset) {
+  Descriptor file = openForReading(path);
+  auto attributes = regularFile(file);
+  if (!attributes) return std::nullopt;
+  auto size = static_cast<std::size_t>(attributes->st_size);
+  auto from = offset < 0 || offset > attributes->st_size ? 0 : static_cast<std::size_t>(offset);
+  return contentFrom(file, from, size);
+}
+
+bool exists(const std::string& path) {
+  return ::access(cPath(path), F_OK) == 0;
+}
+
+std::optional<std::int64_t> size(const std::string& path) {
+  struct stat attributes;
+  if (::stat(cPath(path), &attributes) != 0) return std::nullopt;
+  return attributes.st_size;
+}
+
+std::error_code write(const std::string& path, std::string_view bytes, unsigned mode) {
+  std::string temporary;
+  std::error_code error;
+  {
+    Descriptor file = createBeside(path, temporary);
+    if (!file.valid()) return lastError();
+    if (!writeAll(file.get(), bytes) ||
+        (mode != 0600 && ::fchmod(file.get(), static_cast<mode_t>(mode)) != 0))
+      error = lastError();
+  }
+  if (!error) error = move(temporary, path);
+  if (error) ::unlink(temporary.c_str());
+  return error;
+}
+
+std::error_code move(const std::string& from, const std::string& to) {
+  return ::rename(cPath(from), cPath(to)) == 0 ? std::error_code() : lastError();
+}
+
+bool append(const std::string& path, std::string_view record) {
+  Descriptor file(::open(cPath(path), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY,
+                         S_IRUSR | S_IWUSR));
+  auto attributes = regularFile(file);
+  if (!attributes) return false;
+  char last = '\n';
+  if (attributes->st_size > 0 && ::pread(file.get(), &last, 1, attributes->st_size - 1) != 1) return false;
+  std::string whole = last == '\n' ? std::string(record) : "\n" + std::string(record);
+  return ::write(file.get(), whole.data(), whole.size()) == static_cast<ssize_t>(whole.size());
+}
+
+bool remove(const std::string& path) {
+  return ::unlink(cPath(path)) == 0;
+}
+
+std::error_code makeDirectories(const std::string& path) {
+  if (::mkdir(cPath(path), S_IRWXU) == 0) return {};
+  std::error_code error = lastError();
+  if (error == std::errc::no_such_file_or_directory) {
+    std::string parent = path.substr(0, path.find_last_not_of('/') + 1);
+    parent.resize(parent.find_last_of('/') == parent.npos ? 0 : parent.find_last_of('/'));
+    if (parent.empty()) return error;
+    if (std::error_code parentError = makeDirectories(parent)) return parentError;
+    return ::mkdir(cPath(path), S_IRWXU) == 0 || errno == EEXIST ? std::error_code() : lastError();
+  }
+  struct stat attributes;
+  bool isDirectory = ::stat(cPath(path), &attributes) == 0 && S_ISDIR(attributes.st_mode);
+  return isDirectory ? std::error_code() : error;
+}
+
+std::vector<std::string> list(const std::string& directory) {
+  std::vector<std::string> names;
+  DIR* stream = ::opendir(cPath(directory));
+  if (!stream) return names;
+  while (const dirent* entry = ::readdir(stream)) {
+    std::string_view name = entry->d_name;
+    if (name != "." && name != "..") names.emplace_back(name);
+  }
+  ::closedir(stream);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::optional<std::chrono::system_clock::time_point> modified(const std::string& path) {
+  struct stat attributes;
+  if (::stat(cPath(path), &attributes) != 0) return std::nullopt;
+#ifdef __APPLE__
+  const timespec& time = attributes.st_mtimespec;
+#else
+  const timespec& time = attributes.st_mtim;
+#endif
+  auto sinceEpoch = std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
+  return std::chrono::system_clock::time_point(
+      std::chrono::duration_cast<std::chrono::system_clock::duration>(sinceEpoch));
+}
+
+std::optional<unsigned> mode(const std::string& path) {
+  struct stat attributes;
+  if (::lstat(cPath(path), &attributes) != 0 || !S_ISREG(attributes.st_mode)) return std::nullopt;
+  return attributes.st_mode & 07777;
+}
+
+}  // namespace Files

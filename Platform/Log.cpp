@@ -1,0 +1,44 @@
+#include "Platform/Log.h"
+
+#ifdef __APPLE__
+
+#include <os/log.h>
+
+#include <string>
+
+namespace Log {
+
+void write(Level level, std::string_view category, std::string_view message) {
+  os_log_t handle = os_log_create("dev.obrisk.setup", std::string(category).c_str());
+  os_log_with_type(handle, level == Level::error ? OS_LOG_TYPE_ERROR : OS_LOG_TYPE_DEFAULT, "%{public}s",
+                   std::string(message).c_str());
+}
+
+}  // namespace Log
+
+#else
+
+#include "Platform/Clock.h"
+#include "Platform/Files.h"
+#include "Platform/Json.h"
+#include "Platform/Process.h"
+
+namespace Log {
+
+void write(Level level, std::string_view category, std::string_view message) {
+  std::string home = Process::home();
+  if (home.empty()) return;
+  std::string directory = home + "/.obrisk/logs";
+  Files::makeDirectories(directory);
+  Json record(Json::Object{{"category", category},
+                           {"level", level == Level::error ? "error" : "default"},
+                           {"message", message},
+                           {"pid", Process::id()},
+                           {"subsystem", "dev.obrisk.setup"},
+                           {"ts", Clock::dateTime()}});
+  Files::append(directory + "/hook.diagnostics.jsonl", record.compact() + "\n");
+}
+
+}  // namespace Log
+
+#endif

@@ -1,0 +1,95 @@
+#include "Platform/Paths.h"
+
+#include <fnmatch.h>
+#include <limits.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <array>
+#include <vector>
+
+#include "Platform/Files.h"
+#include "Platform/Process.h"
+
+namespace Paths {
+
+namespace {
+
+void replaceAll(std::string& text, const std::string& from, const std::string& to) {
+  for (std::size_t at = text.find(from); at != text.npos; at = text.find(from, at + to.size()))
+    text.replace(at, from.size(), to);
+}
+
+std::string_view withoutLastComponent(std::string_view path) {
+  return path.substr(0, path.rfind('/'));
+}
+
+// The directory that an absolute path without a trailing "/" leads to, links resolved, or the path itself
+// when it does not exist; the root is the empty string.
+std::string resolved(const std::string& path) {
+  std::array<char, PATH_MAX> buffer;
+  if (path.empty() || !::realpath(path.c_str(), buffer.data())) return path;
+  std::string real = buffer.data();
+  return real == "/" ? "" : real;
+}
+
+}  // namespace
+
+std::string expandTilde(std::string_view path) {
+  if (!path.starts_with('~')) return std::string(path);
+  std::size_t end = std::min(path.find('/'), path.size());
+  std::string user(path.substr(1, end - 1));
+  std::optional<std::string> home = user.empty() ? Process::home() : Process::homeOf(user);
+  return home && !home->empty() ? *home + std::string(path.substr(end)) : std::string(path);
+}
+
+std::string expandVariables(std::string path) {
+  if (path.find('$') == path.npos) return path;
+  auto variables = Process::environment();
+  std::sort(variables.begin(), variables.end(),
+            [](const auto& a, const auto& b) { return a.first.size() > b.first.size(); });
+  for (const auto& [name, value] : variables) {
+    if (name.empty())
+      continue;
+    replaceAll(path, "$" + name, value);
+    replaceAll(path, "${" + name + "}", value);
+  }
+  return path;
+}
+
+std::string standardize(std::string_view given) {
+  std::string path = expandTilde(given);
+  bool absolute = path.starts_with('/');
+  std::string out;  // each component with the "/" before it
+  for (std::size_t at = 0; at < path.size();) {
+    std::size_t end = std::min(path.find('/', at), path.size());
+    std::string_view component(path.data() + at, end - at);
+    at = end + 1;
+    if (component.empty() || component == ".") continue;
+    if (component == ".." && absolute) {
+      out = withoutLastComponent(resolved(out));
+      continue;
+    }
+    out.append("/").append(component);
+  }
+  if (!absolute) return out.empty() ? out : out.substr(1);
+  static constexpr std::string_view privatePrefix = "/private/";
+  if (out.starts_with(privatePrefix)) {
+    std::string without = out.substr(privatePrefix.size() - 1);
+    if (Files::exists(without)) return without;
+  }
+  return out.empty() ? "/" : out;
+}
+
+std::string_view lastComponent(std::string_view path) {
+  std::size_t end = path.find_last_not_of('/');
+  if (end == path.npos) return path.substr(0, std::min<std::size_t>(path.size(), 1));
+  path = path.substr(0, end + 1);
+  return path.substr(path.rfind('/') + 1);
+}
+
+bool glob(const std::string& pattern, const std::string& candidate) {
+  return ::fnmatch(pattern.c_str(), candidate.c_str(), 0) == 0;
+}
+
+}  // namespace Paths

@@ -1,0 +1,128 @@
+#include "Platform/Process.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <pwd.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+
+#ifdef __APPLE__
+#include <mach-o/dyld.h>
+#endif
+
+extern char** environ;
+
+namespace Process {
+
+namespace {
+
+// The home directory in the user database, looked up by `find(entry, buffer, size, result)`.
+template <typename Find>
+std::optional<std::string> homeInDatabase(Find&& find) {
+  std::array<char, 16384> buffer;
+  passwd entry{};
+  passwd* found = nullptr;
+  if (find(&entry, buffer.data(), buffer.size(), &found) != 0 || !found || !found->pw_dir)
+    return std::nullopt;
+  return found->pw_dir;
+}
+
+std::string readToEnd(int descriptor) {
+  std::string output;
+  std::array<char, 4096> chunk;
+  for (;;) {
+    ssize_t count = ::read(descriptor, chunk.data(), chunk.size());
+    if (count > 0)
+      output.append(chunk.data(), static_cast<std::size_t>(count));
+    else if (count == 0 || errno != EINTR)
+      return output;
+  }
+}
+
+// Both ends closed on exec.
+bool makePipe(int (&ends)[2]) {
+#ifdef __APPLE__
+  return ::pipe(ends) == 0 && ::fcntl(ends[0], F_SETFD, FD_CLOEXEC) == 0 &&
+         ::fcntl(ends[1], F_SETFD, FD_CLOEXEC) == 0;
+#else
+  return ::pipe2(ends, O_CLOEXEC) == 0;
+#endif
+}
+
+}  // namespace
+
+std::optional<std::string> environment(const char* name) {
+  const char* value = ::getenv(name);
+  return value ? std::optional<std::string>(value) : std::nullopt;
+}
+
+std::vector<std::pair<std::string, std::string>> environment() {
+  std::vector<std::pair<std::string, std::string>> variables;
+  for (char** at = environ; at && *at; ++at) {
+    std::string_view variable = *at;
+    if (std::size_t equals = variable.find('='); equals != variable.npos)
+      variables.emplace_back(variable.substr(0, equals), variable.substr(equals + 1));
+  }
+  return variables;
+}
+
+std::string home() {
+  if (auto value = environment("HOME"); value && !value->empty()) return *value;
+  return homeInDatabase([](auto... arguments) { return ::getpwuid_r(::getuid(), arguments...); })
+      .value_or("");
+}
+
+std::optional<std::string> homeOf(const std::string& user) {
+  return homeInDatabase([&](auto... arguments) { return ::getpwnam_r(user.c_str(), arguments...); });
+}
+
+int id() {
+  return ::getpid();
+}
+
+std::string executable() {
+  std::array<char, PATH_MAX> path;
+#ifdef __APPLE__
+  std::array<char, PATH_MAX> unresolved;
+  std::uint32_t size = unresolved.size();
+  if (::_NSGetExecutablePath(unresolved.data(), &size) != 0) return "";
+  return ::realpath(unresolved.data(), path.data()) ? path.data() : "";
+#else
+  return ::realpath("/proc/self/exe", path.data()) ? path.data() : "";
+#endif
+}
+
+std::optional<std::string> run(const std::string& path, const std::vector<std::string>& arguments) {
+  int ends[2];
+  if (!makePipe(ends)) return std::nullopt;
+  std::vector<char*> argv{const_cast<char*>(path.c_str())};
+  for (const std::string& argument : arguments)
+    argv.push_back(const_cast<char*>(argument.c_str()));
+  argv.push_back(nullptr);
+
+  posix_spawn_file_actions_t actions;
+  ::posix_spawn_file_actions_init(&actions);
+  ::posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  ::posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+  ::posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+  pid_t child = 0;
+  int failure = ::posix_spawn(&child, path.c_str(), &actions, nullptr, argv.data(), environ);
+  ::posix_spawn_file_actions_destroy(&actions);
+  ::close(ends[1]);
+
+  std::optional<std::string> output;
+  if (failure == 0) {
+    output = readToEnd(ends[0]);
+    while (::waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+    }
+  }
+  ::close(ends[0]);
+  return output;
+}
+
+}  // namespace Process
