@@ -3,6 +3,7 @@
 #include <fnmatch.h>
 #include <limits.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -49,8 +50,7 @@ std::string expandVariables(std::string path) {
   std::sort(variables.begin(), variables.end(),
             [](const auto& a, const auto& b) { return a.first.size() > b.first.size(); });
   for (const auto& [name, value] : variables) {
-    if (name.empty())
-      continue;
+    if (name.empty()) continue;
     replaceAll(path, "$" + name, value);
     replaceAll(path, "${" + name + "}", value);
   }
@@ -79,6 +79,13 @@ std::string standardize(std::string_view given) {
     if (Files::exists(without)) return without;
   }
   return out.empty() ? "/" : out;
+}
+
+std::string resolveLinks(const std::string& path) {
+  std::array<char, PATH_MAX> buffer;
+  if (::realpath(path.c_str(), buffer.data())) return buffer.data();
+  if (path.starts_with('/') || !::getcwd(buffer.data(), buffer.size())) return standardize(path);
+  return standardize(std::string(buffer.data()) + "/" + path);
 }
 
 std::string_view lastComponent(std::string_view path) {

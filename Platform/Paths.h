@@ -19,6 +19,10 @@ std::string expandVariables(std::string path);
 // a relative path ".." stays). A leading "/private" is dropped when the path without it exists.
 std::string standardize(std::string_view path);
 
+// The absolute path of a file, a relative one taken from the current directory, with all symbolic links
+// resolved; as far as it exists, else in standard form.
+std::string resolveLinks(const std::string& path);
+
 // The part after the last "/", trailing ones disregarded; "/" for the root, empty for the empty path.
 std::string_view lastComponent(std::string_view path);
 

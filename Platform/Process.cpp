@@ -2,17 +2,23 @@
 
 #include <fcntl.h>
 #include <limits.h>
+#include <poll.h>
 #include <pwd.h>
+#include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 
 #ifdef __APPLE__
 #include <mach-o/dyld.h>
+#else
+#include <sys/prctl.h>
 #endif
 
 extern char** environ;
@@ -33,14 +39,34 @@ std::optional<std::string> homeInDatabase(Find&& find) {
 }
 
 std::string readToEnd(int descriptor) {
-  std::string output;
-  std::array<char, 4096> chunk;
+  std::string input;
+  std::size_t filled = 0;
   for (;;) {
-    ssize_t count = ::read(descriptor, chunk.data(), chunk.size());
-    if (count > 0)
-      output.append(chunk.data(), static_cast<std::size_t>(count));
-    else if (count == 0 || errno != EINTR)
-      return output;
+    if (filled == input.size()) input.resize(std::max<std::size_t>(2 * filled, 16384));
+    ssize_t count = ::read(descriptor, input.data() + filled, input.size() - filled);
+    if (count > 0) {
+      filled += static_cast<std::size_t>(count);
+    } else if (count < 0 && errno == EAGAIN) {
+      pollfd waiting{descriptor, POLLIN, 0};
+      ::poll(&waiting, 1, -1);
+    } else if (count == 0 || errno != EINTR) {
+      input.resize(filled);
+      return input;
+    }
+  }
+}
+
+void writeAll(int descriptor, std::string_view bytes) {
+  while (!bytes.empty()) {
+    ssize_t count = ::write(descriptor, bytes.data(), bytes.size());
+    if (count >= 0) {
+      bytes.remove_prefix(static_cast<std::size_t>(count));
+    } else if (errno == EAGAIN) {
+      pollfd waiting{descriptor, POLLOUT, 0};
+      ::poll(&waiting, 1, -1);
+    } else if (errno != EINTR) {
+      return;
+    }
   }
 }
 
@@ -95,6 +121,39 @@ std::string executable() {
 #else
   return ::realpath("/proc/self/exe", path.data()) ? path.data() : "";
 #endif
+}
+
+void prepare() {
+  for (int descriptor = 0; descriptor <= STDERR_FILENO; ++descriptor)
+    if (::fcntl(descriptor, F_GETFD) < 0 && errno == EBADF)
+      ::open("/dev/null", descriptor == STDIN_FILENO ? O_RDONLY : O_WRONLY);
+  ::signal(SIGPIPE, SIG_IGN);
+  rlimit none{0, 0};
+  ::setrlimit(RLIMIT_CORE, &none);
+#ifndef __APPLE__
+  // A core pattern that is a pipe disregards the limit.
+  ::prctl(PR_SET_DUMPABLE, 0);
+#endif
+}
+
+std::string readInput() {
+  return readToEnd(STDIN_FILENO);
+}
+
+bool inputIsTerminal() {
+  return ::isatty(STDIN_FILENO) == 1;
+}
+
+void writeOutput(std::string_view bytes) {
+  writeAll(STDOUT_FILENO, bytes);
+}
+
+void writeError(std::string_view bytes) {
+  writeAll(STDERR_FILENO, bytes);
+}
+
+void exit(int status) {
+  ::_exit(status);
 }
 
 std::optional<std::string> run(const std::string& path, const std::vector<std::string>& arguments) {

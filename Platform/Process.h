@@ -27,6 +27,23 @@ int id();
 // The path of the running executable with symbolic links resolved; empty when the system does not tell.
 std::string executable();
 
+// To be called first of all: opens those of the three standard descriptors that were handed over closed on
+// nothing, so that no file of ours ever takes their place, makes writing to a closed pipe an error instead of
+// a signal, and keeps the process's memory, which holds keys and prompts, out of core dumps.
+void prepare();
+
+// All bytes of standard input up to its end, or up to the first error.
+std::string readInput();
+
+bool inputIsTerminal();
+
+// Writes all bytes to standard output (or error); gives up silently on an error.
+void writeOutput(std::string_view bytes);
+void writeError(std::string_view bytes);
+
+// Ends the process at once: no destructors, no exit handlers, no waiting for threads.
+[[noreturn]] void exit(int status);
+
 // Runs `path` with `arguments`, its standard input and error empty, and waits for its end. Returns all that
 // it wrote to standard output; absent when it cannot be started. It inherits no descriptor of ours.
 std::optional<std::string> run(const std::string& path, const std::vector<std::string>& arguments);

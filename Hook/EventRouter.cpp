@@ -1,0 +1,85 @@
+#include "Hook/EventRouter.h"
+
+#include <algorithm>
+#include <array>
+#include <span>
+#include <string_view>
+
+#include "Hook/Handlers/Generic.h"
+#include "Hook/Handlers/PostToolUse.h"
+#include "Hook/Handlers/PreCompact.h"
+#include "Hook/Handlers/PreToolUse.h"
+#include "Hook/Handlers/SessionStart.h"
+#include "Hook/Handlers/Stop.h"
+#include "Hook/Handlers/Subagents.h"
+#include "Hook/ObriskConfig.h"
+#include "Hook/ObserveClient.h"
+
+namespace EventRouter {
+
+namespace {
+
+struct HandlerRow {
+  std::string_view event;
+  Outcome (*handler)(const Json::Object& data, const ObserveClient& client);
+};
+
+constexpr HandlerRow handlers[] = {
+    {"SessionStart", handleSessionStart},   {"PreToolUse", handlePreToolUse},
+    {"PostToolUse", handlePostToolUse},     {"PostToolUseFailure", handlePostToolUseFailure},
+    {"SubagentStart", handleSubagentStart}, {"SubagentStop", handleSubagentStop},
+    {"TeammateIdle", handleTeammateIdle},   {"Stop", handleStop},
+    {"SessionEnd", handleSessionEnd},       {"PreCompact", handlePreCompact},
+};
+
+// Events that are recorded as a step and nothing more: its kind, and the event's members that it carries.
+struct GenericRow {
+  std::string_view event;
+  std::string_view kind;
+  std::array<std::string_view, 3> keys;  // unused ones empty, at the end
+
+  std::span<const std::string_view> includeKeys() const {
+    auto end = std::find(keys.begin(), keys.end(), std::string_view());
+    return {keys.begin(), end};
+  }
+};
+
+constexpr GenericRow generics[] = {
+    {"StopFailure", "stop_failure", {"error"}},
+    {"PostCompact", "post_compact", {"pre_tokens", "post_tokens"}},
+    {"UserPromptSubmit", "user_prompt", {"prompt"}},
+    {"Notification", "notification", {"message", "notification_type"}},
+    {"TaskCreated", "task_created", {"task_id", "content", "status"}},
+    {"TaskCompleted", "task_completed", {"task_id", "content", "status"}},
+    {"PermissionRequest", "permission_request", {"tool_name", "tool_input", "reason"}},
+    {"PermissionDenied", "permission_denied", {"tool_name", "tool_input", "reason"}},
+    {"InstructionsLoaded", "instructions_loaded", {"file_path", "source"}},
+    {"CwdChanged", "cwd_changed", {"old_cwd", "new_cwd", "cwd"}},
+    {"ConfigChange", "config_change", {"file_path", "config_type"}},
+    {"FileChanged", "file_changed", {"file_path", "event_type"}},
+    {"WorktreeCreate", "worktree_create", {"worktree_path"}},
+    {"WorktreeRemove", "worktree_remove", {"worktree_path"}},
+    {"Elicitation", "elicitation", {"server_name", "prompt"}},
+    {"ElicitationResult", "elicitation_result", {"server_name", "response"}},
+};
+
+template <typename Row, std::size_t size>
+const Row* find(const Row (&rows)[size], std::string_view event) {
+  auto row =
+      std::find_if(std::begin(rows), std::end(rows), [&](const Row& each) { return each.event == event; });
+  return row == std::end(rows) ? nullptr : row;
+}
+
+}  // namespace
+
+Outcome handle(const Json::Object& data, const std::optional<std::string>& requestedProfile,
+               const std::string& process) {
+  const std::string& event = data.text("hook_event_name");
+  ObserveClient client{.config = ObriskHookConfig::load(requestedProfile, process)};
+  if (const HandlerRow* row = find(handlers, event)) return row->handler(data, client);
+  if (const GenericRow* row = find(generics, event))
+    return handleGeneric(data, std::string(row->kind), row->includeKeys(), client);
+  return handleGeneric(data, "unknown:" + event, {}, client);
+}
+
+}  // namespace EventRouter

@@ -1,0 +1,23 @@
+#include "Hook/Handlers/GuardDecision.h"
+
+#include "Hook/SessionStore.h"
+#include "Platform/Clock.h"
+
+namespace EventRouter {
+
+void emitGuardDecision(SessionState& state, const std::string& toolName, const GuardDecision& decision,
+                       const ObserveClient& client) {
+  if (state.run_id.empty() || !client.config.isConfigured()) return;
+  Json::Object output{{"kind", "guard_decision"},       {"source", "hook"},
+                      {"session_id", state.session_id}, {"tool_name", toolName},
+                      {"action", decision.action},      {"violations", Json::Array{decision.violation}},
+                      {"rule", decision.rule},          {"timestamp", Clock::dateTime()}};
+  Json::Object step{{"step_name", "hook:guard_decision:" + decision.action},
+                    {"position", state.span_count},
+                    {"output", std::move(output)}};
+  client.recordSteps(state.run_id, {std::move(step)});
+  state.advancePosition();
+  SessionStore::save(state);
+}
+
+}  // namespace EventRouter

@@ -1,0 +1,22 @@
+// Every decision against a tool call or a compaction is reported as a step of the session's run.
+#pragma once
+
+#include <string>
+
+#include "Hook/ObserveClient.h"
+#include "Hook/SessionState.h"
+
+namespace EventRouter {
+
+struct GuardDecision {
+  std::string action;     // what was decided, for example "deny"
+  std::string violation;  // why
+  std::string rule;       // which rule decided
+};
+
+// Sends the guard-decision step, then advances the position and saves the state. Does nothing without a run
+// or a configuration; never fails.
+void emitGuardDecision(SessionState& state, const std::string& toolName, const GuardDecision& decision,
+                       const ObserveClient& client);
+
+}  // namespace EventRouter

@@ -1,0 +1,33 @@
+// What is reported of a session: steps, numbered in the order in which the session emitted them, and spans.
+// Reporting never fails: what the control plane does not take is lost and not repeated. Lengths count
+// user-perceived characters.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+#include "Hook/ObserveClient.h"
+#include "Hook/SessionState.h"
+
+namespace EventRouter {
+
+// Sends the step "hook:KIND" with `payload` laid over its base members, after moving the session to today's
+// run; then advances the position and saves the state. Does nothing without a run or a configuration.
+void emitStep(SessionState& state, const std::string& kind, const Json::Object& payload,
+              const ObserveClient& client);
+
+// Sends one span of the session's run.
+void emitSpan(const SessionState& state, const Json::Object& span, const ObserveClient& client);
+
+// One short line that says what a tool was asked; empty when there is nothing to say. Of a tool that is not
+// known, the first member of its input in sorted order.
+std::string summarizeToolInput(std::string_view toolName, const Json::Object& input);
+
+// One short line that says what a tool answered; empty when there is nothing to say.
+std::string summarizeToolOutput(const Json::Object& response);
+
+// The value with every string in it cut to `maxChars` characters and every array to 50 elements.
+Json truncateJSON(const Json& value, std::size_t maxChars);
+
+}  // namespace EventRouter

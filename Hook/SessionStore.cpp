@@ -1,0 +1,89 @@
+#include "Hook/SessionStore.h"
+
+#include <chrono>
+#include <string_view>
+
+#include "Platform/Clock.h"
+#include "Platform/Files.h"
+#include "Platform/Process.h"
+#include "Platform/Text.h"
+
+namespace SessionStore {
+
+namespace {
+
+constexpr std::string_view extension = ".json";
+constexpr auto staleAfter = std::chrono::hours(24);
+
+std::string stateFile(const std::string& sessionID) {
+  return scopedStateDir() + "/" + sessionID + std::string(extension);
+}
+
+std::optional<SessionState> readState(const std::string& path) {
+  auto content = Files::read(path);
+  auto json = content ? Json::parseObject(*content) : std::nullopt;
+  return json ? SessionState::fromJSON(*json) : std::nullopt;
+}
+
+// A name that is nothing but ".json" is a hidden file without an extension.
+bool isStateFile(std::string_view name) {
+  return name.size() > extension.size() && name.ends_with(extension);
+}
+
+}  // namespace
+
+std::string projectKey() {
+  return std::string(
+      Text::trim(Process::environment("OBRISK_PROJECT_KEY").value_or(""), Text::Space::blanks));
+}
+
+std::string scopedStateDir() {
+  std::string base = Process::environment("OBRISK_CC_STATE_DIR").value_or("");
+  if (base.empty()) base = "/tmp/obrisk-cc";
+  std::string key = projectKey();
+  return key.empty() ? base : base + "/proj-" + key;
+}
+
+std::optional<SessionState> load(const std::string& sessionID) {
+  return readState(stateFile(sessionID));
+}
+
+std::error_code save(const SessionState& state) {
+  if (std::error_code error = Files::makeDirectories(scopedStateDir())) return error;
+  std::string target = stateFile(state.session_id);
+  std::string next = target + ".tmp";
+  if (std::error_code error = Files::write(next, Json(state.toJSON()).compact())) return error;
+  return Files::move(next, target);
+}
+
+void remove(const std::string& sessionID) {
+  if (!sessionID.empty()) Files::remove(stateFile(sessionID));
+}
+
+int cleanupStale() {
+  int count = 0;
+  std::string directory = scopedStateDir();
+  auto cutoff = Clock::now() - staleAfter;
+  for (const std::string& name : Files::list(directory)) {
+    if (!isStateFile(name)) continue;
+    std::string path = directory + "/" + name;
+    auto modified = Files::modified(path);
+    if (!modified || *modified >= cutoff) continue;
+    Files::remove(path);
+    ++count;
+  }
+  return count;
+}
+
+std::optional<SessionState> findCoworkPeer(const std::string& cwd, const std::string& excludeSessionID) {
+  if (cwd.empty()) return std::nullopt;
+  std::string directory = scopedStateDir();
+  for (const std::string& name : Files::list(directory)) {
+    if (!isStateFile(name) || name.substr(0, name.size() - extension.size()) == excludeSessionID) continue;
+    auto state = readState(directory + "/" + name);
+    if (state && !state->run_id.empty() && state->cwd == cwd) return state;
+  }
+  return std::nullopt;
+}
+
+}  // namespace SessionStore
