@@ -1,4 +1,4 @@
-// Text as people see it. All texts are UTF-8; bytes that are not count as one replacement character each.
+// Text as people see it. All texts are UTF-8; ill-formed sequences count as replacement characters (U+FFFD).
 // Plain ASCII takes a path of its own that touches no Unicode table. Nothing here fails.
 #pragma once
 
@@ -10,7 +10,7 @@ namespace Text {
 
 // The first `count` user-perceived characters (extended grapheme clusters, UAX #29) of `text`, or all of it
 // when it has no more. A carriage return and its line feed are one character; so are a flag and an emoji
-// sequence. Never cuts inside one.
+// sequence. Never cuts inside one. Reads no further than the cut.
 std::string_view prefix(std::string_view text, std::size_t count);
 
 enum class Space {
@@ -25,7 +25,15 @@ std::string_view trim(std::string_view text, Space kind);
 // Lower case by the root locale's full mapping.
 std::string lowercased(std::string_view text);
 
-// Whether `part` stands in `text` when both are case-folded (full folding). An empty `part` never does.
+// The form in which texts that differ only in case are equal (full case folding).
+std::string folded(std::string_view text);
+
+bool isAscii(std::string_view text);
+
+// Whether `part` stands in `text`, byte for byte, in time linear in both. An empty `part` never does.
+bool contains(std::string_view text, std::string_view part);
+
+// Whether `part` stands in `text` when both are case-folded. An empty `part` never does.
 bool containsIgnoringCase(std::string_view text, std::string_view part);
 
 }  // namespace Text

@@ -1,0 +1,172 @@
+#include "Platform/Text.h"
+
+#include <string.h>  // memmem
+#include <unicode/ubrk.h>
+#include <unicode/ucasemap.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+
+namespace Text {
+namespace {
+
+bool isAsciiByte(char byte) {
+  return static_cast<unsigned char>(byte) < 0x80;
+}
+
+// Where the character after the first `count` ones begins; the end of `text` when there is none.
+std::size_t clusterBoundary(std::string_view text, std::size_t count) {
+  UErrorCode status = U_ZERO_ERROR;
+  UText source = UTEXT_INITIALIZER;
+  utext_openUTF8(&source, text.data(), static_cast<std::int64_t>(text.size()), &status);
+  UBreakIterator* iterator = ubrk_open(UBRK_CHARACTER, "", nullptr, 0, &status);
+  ubrk_setUText(iterator, &source, &status);
+  std::size_t boundary = text.size();
+  if (U_SUCCESS(status)) {
+    std::int32_t position = 0;
+    while (count > 0 && position != UBRK_DONE) {
+      position = ubrk_next(iterator);
+      --count;
+    }
+    if (position != UBRK_DONE) boundary = static_cast<std::size_t>(position);
+  }
+  if (iterator != nullptr) ubrk_close(iterator);
+  utext_close(&source);
+  return boundary;
+}
+
+struct CodePointRange {
+  char32_t first;
+  char32_t last;
+};
+
+constexpr std::array spaceSeparators{
+    CodePointRange{0x20, 0x20},     CodePointRange{0xA0, 0xA0},     CodePointRange{0x1680, 0x1680},
+    CodePointRange{0x2000, 0x200A}, CodePointRange{0x202F, 0x202F}, CodePointRange{0x205F, 0x205F},
+    CodePointRange{0x3000, 0x3000},
+};
+constexpr std::array lineBreaks{
+    CodePointRange{0x0A, 0x0D},
+    CodePointRange{0x85, 0x85},
+    CodePointRange{0x2028, 0x2029},
+};
+
+bool isIn(const auto& ranges, char32_t point) {
+  return std::ranges::any_of(ranges, [&](CodePointRange r) { return r.first <= point && point <= r.last; });
+}
+
+bool isSpace(char32_t point, Space kind) {
+  if (point == '\t' || point == ' ') return true;
+  if (kind == Space::blanks) return false;
+  return isIn(spaceSeparators, point) || (kind == Space::any && isIn(lineBreaks, point));
+}
+
+// The code point whose encoding is all of `bytes`, if it has one to three bytes, as every white space has;
+// else 0.
+char32_t codePoint(std::string_view bytes) {
+  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(bytes[i]); };
+  const auto continues = [&](std::size_t i) { return byte(i) >> 6 == 0b10; };
+  if (bytes.size() == 1 && byte(0) < 0x80) return byte(0);
+  if (bytes.size() == 2 && byte(0) >> 5 == 0b110 && continues(1)) {
+    return (byte(0) & 0x1Fu) << 6 | (byte(1) & 0x3Fu);
+  }
+  if (bytes.size() == 3 && byte(0) >> 4 == 0b1110 && continues(1) && continues(2)) {
+    return (byte(0) & 0x0Fu) << 12 | (byte(1) & 0x3Fu) << 6 | (byte(2) & 0x3Fu);
+  }
+  return 0;
+}
+
+// The size of the white space at the front of `text`, 0 when there is none.
+std::size_t leadingSpace(std::string_view text, Space kind) {
+  for (std::size_t size = 1; size <= std::min<std::size_t>(3, text.size()); ++size) {
+    if (isSpace(codePoint(text.substr(0, size)), kind)) return size;
+  }
+  return 0;
+}
+
+std::size_t trailingSpace(std::string_view text, Space kind) {
+  for (std::size_t size = 1; size <= std::min<std::size_t>(3, text.size()); ++size) {
+    if (isSpace(codePoint(text.substr(text.size() - size)), kind)) return size;
+  }
+  return 0;
+}
+
+std::string asciiLowercased(std::string_view text) {
+  std::string lower(text);
+  for (char& c : lower) {
+    if ('A' <= c && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  }
+  return lower;
+}
+
+using CaseMapping = std::int32_t(const UCaseMap*, char*, std::int32_t, const char*, std::int32_t,
+                                 UErrorCode*);
+
+// `text` as it stands when the library cannot map it, which takes a text of nearly 2 GB.
+std::string mapped(std::string_view text, CaseMapping* mapping) {
+  UErrorCode status = U_ZERO_ERROR;
+  UCaseMap* rootLocale = ucasemap_open("", 0, &status);
+  const auto size = static_cast<std::int32_t>(text.size());
+  std::string result(text.size(), '\0');
+  std::int32_t length = mapping(rootLocale, result.data(), size, text.data(), size, &status);
+  if (status == U_BUFFER_OVERFLOW_ERROR) {
+    status = U_ZERO_ERROR;
+    result.resize(static_cast<std::size_t>(length));
+    length = mapping(rootLocale, result.data(), length, text.data(), size, &status);
+  }
+  ucasemap_close(rootLocale);
+  if (U_FAILURE(status)) return std::string(text);
+  result.resize(static_cast<std::size_t>(length));
+  return result;
+}
+
+}  // namespace
+
+std::string_view prefix(std::string_view text, std::size_t count) {
+  std::size_t end = 0;    // of the characters counted so far
+  std::size_t start = 0;  // of the last of them
+  std::size_t counted = 0;
+  for (; counted < count && end < text.size() && isAsciiByte(text[end]); ++counted) {
+    start = end;
+    end += text.substr(end, 2) == "\r\n" ? 2 : 1;
+  }
+  if (end == text.size() || (counted == count && (count == 0 || isAsciiByte(text[end])))) {
+    return text.substr(0, end);
+  }
+  // What follows is beyond ASCII and may belong to the last character counted, so that one is counted again.
+  const std::size_t recounted = counted == 0 ? 0 : 1;
+  return text.substr(0, start + clusterBoundary(text.substr(start), count - counted + recounted));
+}
+
+std::string_view trim(std::string_view text, Space kind) {
+  while (const std::size_t size = leadingSpace(text, kind)) {
+    text.remove_prefix(size);
+  }
+  while (const std::size_t size = trailingSpace(text, kind)) {
+    text.remove_suffix(size);
+  }
+  return text;
+}
+
+std::string lowercased(std::string_view text) {
+  return isAscii(text) ? asciiLowercased(text) : mapped(text, ucasemap_utf8ToLower);
+}
+
+std::string folded(std::string_view text) {
+  return isAscii(text) ? asciiLowercased(text) : mapped(text, ucasemap_utf8FoldCase);
+}
+
+bool isAscii(std::string_view text) {
+  return std::ranges::all_of(text, isAsciiByte);
+}
+
+bool contains(std::string_view text, std::string_view part) {
+  return !part.empty() && memmem(text.data(), text.size(), part.data(), part.size()) != nullptr;
+}
+
+bool containsIgnoringCase(std::string_view text, std::string_view part) {
+  return contains(folded(text), folded(part));
+}
+
+}  // namespace Text
