@@ -1,0 +1,57 @@
+# The front door. Every target installs what it lacks (scripts/install-deps) and says what it does.
+PREFIX ?= /usr/local
+SECONDS ?= 60
+BUILD := build
+JOBS ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu)
+
+.PHONY: all demo test asan soak bench bench-plots fuzz install uninstall package format format-check lint clean
+
+all:
+	@scripts/install-deps build
+	@cmake --preset release >/dev/null
+	@cmake --build --preset release -j$(JOBS)
+
+demo: all
+	@scripts/demo $(BUILD)/release
+
+test:
+	@scripts/install-deps build test page
+	@cmake --preset dev >/dev/null
+	@cmake --build --preset dev -j$(JOBS)
+	@ctest --preset dev -j$(JOBS)
+
+asan:
+	@scripts/install-deps build test
+	@cmake --preset asan >/dev/null
+	@cmake --build --preset asan -j$(JOBS)
+	@ctest --preset asan -j$(JOBS)
+
+fuzz:
+	@scripts/install-deps build fuzz
+	@cmake --preset fuzz >/dev/null
+	@cmake --build --preset fuzz -j$(JOBS)
+	@scripts/fuzz $(BUILD)/fuzz $(SECONDS)
+
+install: all
+	@cmake --install $(BUILD)/release --prefix "$(PREFIX)"
+
+uninstall:
+	@sed 's/.*/Removing &/' $(BUILD)/release/install_manifest.txt
+	@xargs -d '\n' rm -f < $(BUILD)/release/install_manifest.txt
+
+format:
+	@scripts/install-deps lint
+	@git ls-files '*.h' '*.cpp' | xargs clang-format -i
+
+format-check:
+	@scripts/install-deps lint
+	@git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run -Werror
+
+lint: format-check
+	@scripts/install-deps build test lint
+	@cmake --preset dev >/dev/null
+	@git ls-files 'Hook/*.cpp' 'Shared/*.cpp' 'Platform/*.cpp' 'LocalControlPlane/*.cpp' | \
+	  xargs -P $(JOBS) -n 1 clang-tidy -p $(BUILD)/dev --quiet
+
+clean:
+	@rm -rf $(BUILD)

@@ -1,0 +1,165 @@
+#include "Tests/Support/Sandbox.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <sstream>
+
+#include "Platform/Files.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* productVariables[] = {
+    "OBRISK_API_KEY",
+    "OBRISK_API_URL",
+    "CLAUDE_CODE_AGENT_SLUG",
+    "OBRISK_AGENT_SLUG",
+    "OBRISK_PROJECT_KEY",
+    "OBRISK_CC_STATE_DIR",
+    "OBRISK_POLICY_CHECK_FAIL_DEFAULT",
+    "HTTP_PROXY",
+    "HTTPS_PROXY",
+    "NO_PROXY",
+    "http_proxy",
+    "https_proxy",
+    "no_proxy",
+    "ALL_PROXY",
+    "all_proxy",
+    "SSL_CERT_FILE",
+    "SSL_CERT_DIR",
+};
+
+void redirect(const std::string& file, int flags, int descriptor) {
+  int opened = ::open(file.c_str(), flags, 0600);
+  if (opened < 0 || ::dup2(opened, descriptor) < 0) ::_exit(126);
+}
+
+}  // namespace
+
+Sandbox::Sandbox() {
+  std::string pattern = (fs::temp_directory_path() / "quib-test-XXXXXX").string();
+  if (!::mkdtemp(pattern.data())) throw std::runtime_error("no temporary directory");
+  root_ = pattern;
+  fs::create_directory(home());
+  fs::create_directory(project());
+  for (const char* name : productVariables)
+    unset(name);
+  set("HOME", home());
+  set("OBRISK_CC_STATE_DIR", state());
+}
+
+Sandbox::~Sandbox() {
+  for (const auto& [name, value] : saved_)
+    value ? ::setenv(name.c_str(), value->c_str(), 1) : ::unsetenv(name.c_str());
+  if (::testing::Test::HasFailure()) {
+    fprintf(stderr, "The files of this test are kept in %s\n", root_.c_str());
+    return;
+  }
+  std::error_code ignored;
+  for (auto each = fs::recursive_directory_iterator(root_, ignored); each != fs::end(each);
+       each.increment(ignored))
+    if (each->is_directory(ignored) && !each->is_symlink(ignored))
+      fs::permissions(each->path(), fs::perms::owner_all, ignored);
+  fs::remove_all(root_, ignored);
+}
+
+void Sandbox::set(const std::string& name, const std::string& value) {
+  const char* old = ::getenv(name.c_str());
+  saved_.try_emplace(name, old ? std::optional<std::string>(old) : std::nullopt);
+  ::setenv(name.c_str(), value.c_str(), 1);
+}
+
+void Sandbox::unset(const std::string& name) {
+  const char* old = ::getenv(name.c_str());
+  saved_.try_emplace(name, old ? std::optional<std::string>(old) : std::nullopt);
+  ::unsetenv(name.c_str());
+}
+
+void Sandbox::write(const std::string& path, const std::string& content) const {
+  fs::create_directories(fs::path(path).parent_path());
+  std::error_code error = Files::write(path, content);
+  ASSERT_FALSE(error) << path << ": " << error.message();
+}
+
+void Sandbox::configure(const std::string& url, const std::string& agentSlug) const {
+  std::string profile = "[claude-code]\napi_url = " + url + "\napi_key = test-key\n";
+  if (!agentSlug.empty()) profile += "agent_slug = " + agentSlug + "\n";
+  write(home() + "/.obrisk/config", profile);
+}
+
+ObserveClient Sandbox::client(const std::string& url, const std::string& agentSlug,
+                              const std::string& failDefault) {
+  ObserveClient client;
+  client.config = {
+      .apiUrl = url, .apiKey = "test-key", .agentSlug = agentSlug, .policyCheckFailDefault = failDefault};
+  client.retryBaseDelay = std::chrono::milliseconds(0);
+  return client;
+}
+
+int Sandbox::start(const std::vector<std::string>& arguments, const std::string& inputFile,
+                   const std::string& outputFile, const std::string& errorFile) const {
+  pid_t child = ::fork();
+  if (child != 0) return child;
+  redirect(inputFile, O_RDONLY, STDIN_FILENO);
+  redirect(outputFile, O_WRONLY | O_CREAT | O_TRUNC, STDOUT_FILENO);
+  redirect(errorFile, O_WRONLY | O_CREAT | O_TRUNC, STDERR_FILENO);
+  if (::chdir(project().c_str()) != 0) ::_exit(126);
+  std::vector<char*> argv{const_cast<char*>(QUIB_HOOK_EXECUTABLE)};
+  for (const std::string& argument : arguments)
+    argv.push_back(const_cast<char*>(argument.c_str()));
+  argv.push_back(nullptr);
+  ::execv(QUIB_HOOK_EXECUTABLE, argv.data());
+  ::_exit(127);
+}
+
+Sandbox::Result Sandbox::run(const std::vector<std::string>& arguments, const std::string& input) const {
+  std::string in = root_ + "/stdin", out = root_ + "/stdout", err = root_ + "/stderr";
+  write(in, input);
+  int status = 0;
+  ::waitpid(start(arguments, in, out, err), &status, 0);
+  Result result;
+  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  result.output = contentOf(out);
+  result.error = contentOf(err);
+  return result;
+}
+
+Sandbox::Result Sandbox::run(const std::vector<std::string>& arguments, const Json::Object& event) const {
+  return run(arguments, Json(event).compact());
+}
+
+std::vector<std::string> Sandbox::tree(const std::string& directory) {
+  std::vector<std::string> names;
+  std::error_code ignored;
+  for (const auto& entry : fs::recursive_directory_iterator(directory, ignored))
+    names.push_back(fs::relative(entry.path(), directory).string());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::string contentOf(const std::string& path) {
+  auto content = Files::read(path);
+  EXPECT_TRUE(content) << path << " cannot be read";
+  return content.value_or("");
+}
+
+std::vector<Json::Object> jsonLines(const std::string& path) {
+  std::vector<Json::Object> lines;
+  std::istringstream stream(Files::read(path).value_or(""));
+  for (std::string line; std::getline(stream, line);)
+    lines.push_back(parsed(line));
+  return lines;
+}
+
+Json::Object parsed(const std::string& text) {
+  auto object = Json::parseObject(text);
+  EXPECT_TRUE(object) << "not a JSON object: " << text;
+  return object.value_or(Json::Object());
+}
