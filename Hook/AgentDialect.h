@@ -1,5 +1,5 @@
-// The two shapes that every adapter for another agent produces: its event in the form the router reads, and the
-// router's outcome in the form the agent reads.
+// The two shapes that every adapter for another agent produces: its event in the form the router reads, and
+// the router's outcome in the form the agent reads.
 #pragma once
 
 #include <cstdint>

@@ -1,0 +1,103 @@
+#include "Hook/HookFile.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <iterator>
+#include <system_error>
+
+#include "Platform/Files.h"
+#include "Platform/Log.h"
+#include "Platform/Process.h"
+
+namespace HookFile {
+namespace {
+
+constexpr std::string_view executableName = "quib-hook";
+constexpr int maxLinks = 40;
+constexpr int maxBackups = 100;
+
+std::string path(const File& file) {
+  return Process::home() + "/" + std::string(file.place);
+}
+
+// Where the file really is, also when the last link of a chain leads to a file that is yet to be created.
+std::string target(const File& file) {
+  std::filesystem::path at = path(file);
+  std::error_code error;
+  for (int links = 0; links < maxLinks && std::filesystem::is_symlink(at, error); ++links) {
+    at = at.parent_path() / std::filesystem::read_symlink(at, error);
+  }
+  return at.string();
+}
+
+bool isOwn(const Json& entry, std::string_view command) {
+  const Json::Object* members = entry.asObject();
+  if (!members) return false;
+  const std::string& present = members->text("command");
+  return present == command || present.find(executableName) != std::string::npos;
+}
+
+}  // namespace
+
+bool accepts(const File& file, const std::string& binaryPath) {
+  if (Process::home().empty()) return refuse(file, "there is no home directory");
+  if (binaryPath.empty()) return refuse(file, "the path of this executable is unknown");
+  if (binaryPath.find('\'') != std::string::npos) {
+    return refuse(file, "the path of this executable contains a single quote");
+  }
+  const auto written = Json::parse(Json(binaryPath).compact());
+  if (written != Json(binaryPath)) return refuse(file, "the path of this executable is not UTF-8");
+  return true;
+}
+
+bool exists(const File& file) {
+  return Files::exists(path(file));
+}
+
+std::optional<std::string> read(const File& file) {
+  auto text = Files::read(path(file));
+  if (!text) refuse(file, "the present file cannot be read");
+  return text;
+}
+
+bool backUp(const File& file, std::string_view text) {
+  const std::string first = path(file) + ".bak";
+  std::string copy = first;
+  for (int number = 2; Files::exists(copy); ++number) {
+    if (number > maxBackups) return refuse(file, "too many backups of it are kept");
+    copy = first + "." + std::to_string(number);
+  }
+  const auto error = Files::write(copy, text, Files::mode(target(file)).value_or(0600));
+  return !error || refuse(file, "the present file cannot be backed up: " + error.message());
+}
+
+bool replace(const File& file, std::string_view text) {
+  const std::string place = target(file);
+  const auto mode = Files::mode(place);
+  if (!mode && Files::exists(place)) return refuse(file, "it is not a regular file");
+
+  Files::makeDirectories(place.substr(0, place.rfind('/')));
+  if (const auto error = Files::write(place, text, mode.value_or(0600))) return refuse(file, error.message());
+  Log::info(file.category, "installed " + std::string(file.agent) + " hooks at " + path(file));
+  return true;
+}
+
+bool refuse(const File& file, std::string_view why) {
+  Log::error(file.category, "failed to write ~/" + std::string(file.place) + ": " + std::string(why));
+  return false;
+}
+
+const Json::Array* objects(const Json& value) {
+  const Json::Array* list = value.asList();
+  const bool all = list && std::ranges::all_of(*list, [](const Json& each) { return each.asObject(); });
+  return all ? list : nullptr;
+}
+
+Json::Array withoutOwn(const Json::Array& entries, std::string_view command) {
+  Json::Array others;
+  std::ranges::copy_if(entries, std::back_inserter(others),
+                       [&](const Json& entry) { return !isOwn(entry, command); });
+  return others;
+}
+
+}  // namespace HookFile

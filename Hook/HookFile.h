@@ -1,0 +1,46 @@
+// The files in which agents list their hooks, as the installers read, back up and replace them. Replacing is
+// one step: a kill leaves the old file or the new one. What prevents it is logged, and the old file stays.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Platform/Json.h"
+
+namespace HookFile {
+
+struct File {
+  std::string_view place;     // below the home directory
+  std::string_view agent;     // the agent's name in messages
+  std::string_view category;  // of the log
+};
+
+// Whether a command line can name the executable in single quotes and there is a home directory; logged if
+// not.
+bool accepts(const File& file, const std::string& binaryPath);
+
+bool exists(const File& file);
+
+// The whole content; absent, and logged, when the file cannot be read.
+std::optional<std::string> read(const File& file);
+
+// Copies `text`, the file's content, to a new file beside it, named after it with ".bak" (".bak.2" if that is
+// taken, and so on). False, and logged, when that failed.
+bool backUp(const File& file, std::string_view text);
+
+// Replaces the file (or what it links to) by one with this content and the mode of the old one, 0600 when
+// there was none. Directories are created as needed. Logs the success, or the failure and returns false.
+bool replace(const File& file, std::string_view text);
+
+// Logs `why` the file was not written. Returns false.
+bool refuse(const File& file, std::string_view why);
+
+// The list's elements when all of them are objects; absent for every other value.
+const Json::Array* objects(const Json& value);
+
+// `entries` without those whose "command" starts this hook, wherever its executable is and whatever its
+// options: any that contains the executable's name, and `command` itself.
+Json::Array withoutOwn(const Json::Array& entries, std::string_view command);
+
+}  // namespace HookFile
