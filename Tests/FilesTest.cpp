@@ -138,7 +138,8 @@ TEST(Process, RunsAChildThatInheritsNothing) {
   std::string script = sandbox.root() + "/script";
   ASSERT_FALSE(
       Files::write(script, "#!/bin/sh\ncat; ls /proc/self/fd | wc -l; echo \"$2\"; echo hidden >&2\n", 0700));
-  // The listing has the three standard descriptors, the directory that it reads, and what this test inherited.
+  // The listing has the three standard descriptors, the directory that it reads, and what this test
+  // inherited.
   int expected = 4;
   for (int descriptor = 3; descriptor < 256; ++descriptor)
     expected += ::fcntl(descriptor, F_GETFD) == 0;

@@ -1,0 +1,44 @@
+// A sandbox, a control plane that gives runs to whoever asks, and a readable record of what it was sent.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "Hook/ObserveClient.h"
+#include "Hook/SessionState.h"
+#include "Tests/Support/FakeControlPlane.h"
+#include "Tests/Support/Sandbox.h"
+
+class SessionFixture : public testing::Test {
+ protected:
+  // Runs "run-1", "run-2", ... of workflow "wf", started now; daily ones "daily-1", "daily-2", ...
+  SessionFixture();
+
+  // A client without an agent slug, and one with it.
+  ObserveClient own() const { return Sandbox::client(plane.url()); }
+  ObserveClient daily(const std::string& failDefault = "allow") const {
+    return Sandbox::client(plane.url(), "reviewer", failDefault);
+  }
+  static ObserveClient unconfigured() { return Sandbox::client(""); }
+
+  // The requests since the last call, each as its path behind "/api/v1/observe/", a blank and its body; there
+  // every date-time of today reads <now>, the machine's id <uuid>, and slashes are not escaped.
+  std::vector<std::string> sent();
+
+  // The record of a session "s" with run "run-0" in the project directory, started now, at position 0.
+  SessionState started() const;
+
+  // The stored record of session "s"; the test fails when there is none.
+  static SessionState stored(const std::string& sessionID = "s");
+
+  // An event of session "s" with these members.
+  static Json::Object event(const std::string& name, Json::Object members = {});
+
+  Sandbox sandbox;
+  FakeControlPlane plane;
+
+ private:
+  std::size_t seen_ = 0;
+};
