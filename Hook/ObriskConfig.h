@@ -7,6 +7,8 @@
 #include <optional>
 #include <string>
 
+#include "Shared/DeviceIdentity.h"
+
 struct ObriskHookConfig {
   std::string apiUrl;                            // base URL; empty: not configured
   std::string apiKey;                            // empty: not configured
@@ -22,9 +24,10 @@ struct ObriskHookConfig {
   static Profiles parseConfigFile();
 
   // `requestedProfile`: the only profile to search, else the default list. `process`: the label of the
-  // calling agent ("claude", "Cursor", "copilot"), for the device identity request.
-  static ObriskHookConfig load(const std::optional<std::string>& requestedProfile,
-                               const std::string& process);
+  // calling agent ("claude", "Cursor", "copilot"), for the device identity request. `identityFile`: where the
+  // enrolment left the device's identity.
+  static ObriskHookConfig load(const std::optional<std::string>& requestedProfile, const std::string& process,
+                               const std::string& identityFile = DeviceIdentity::identityFile);
 
   bool operator==(const ObriskHookConfig&) const = default;
 };

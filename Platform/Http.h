@@ -20,7 +20,7 @@ namespace Http {
 
 struct Request {
   std::string method;  // "GET" or "POST"
-  std::string url;     // absolute, http or https
+  std::string url;     // absolute, http or https; a user and password in it are not sent
   std::vector<std::pair<std::string, std::string>> headers;
   std::string body;
 };
@@ -33,16 +33,9 @@ struct Response {
 
 // Sends `request` and waits for the whole answer. `timeout` bounds every wait without progress and gives a
 // transport error; `overall` bounds the exchange and gives status 0 without an error. A URL that is not
-// absolute http or https is a transport error.
+// absolute http or https, or a header with a control character in it, is a transport error and nothing is
+// sent.
 Response exchange(const Request& request, std::chrono::milliseconds timeout,
                   std::chrono::milliseconds overall);
-
-// Whether `text` is a URL by its grammar (an RFC 3986 reference that is not empty), whatever its scheme.
-bool isUrl(const std::string& text);
-
-// `url` with `path` appended as path components (exactly one "/" between the two) and the query set to the
-// one item `name`=`value`, percent-encoded. Absent when `url` does not parse as a URL.
-std::optional<std::string> withPathAndQuery(const std::string& url, const std::string& path,
-                                            const std::string& name, const std::string& value);
 
 }  // namespace Http

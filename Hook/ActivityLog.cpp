@@ -1,0 +1,25 @@
+#include "Hook/ActivityLog.h"
+
+#include "Platform/Clock.h"
+#include "Platform/Files.h"
+#include "Platform/Json.h"
+#include "Platform/Process.h"
+#include "Platform/Url.h"
+
+namespace ActivityLog {
+
+void record(const std::string& method, const std::string& url, int status, std::int64_t ms,
+            std::int64_t bytes, const std::string& summary, const std::optional<std::string>& error) {
+  Json::Object entry{{"bytes", bytes},          {"daemon", "hook"},
+                     {"method", method},        {"ms", ms},
+                     {"pid", Process::id()},    {"status", status},
+                     {"ts", Clock::dateTime()}, {"url", Url::withoutUserInfo(url)}};
+  if (!summary.empty()) entry.set("summary", summary);
+  if (error && !error->empty()) entry.set("error", *error);
+
+  const std::string directory = Process::home() + "/.obrisk/logs";
+  Files::makeDirectories(directory);
+  Files::append(directory + "/hook.activity.jsonl", Json(std::move(entry)).compact() + "\n");
+}
+
+}  // namespace ActivityLog
