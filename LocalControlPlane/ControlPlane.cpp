@@ -21,27 +21,32 @@ Reply failure(int status, std::string_view message) {
   return {status, Json(Json::Object{{"error", message}}).compact()};
 }
 
-Reply success(const Json::Object& body) { return {200, Json(body).compact()}; }
+Reply success(const Json::Object& body) {
+  return {200, Json(body).compact()};
+}
 
 // In a time that does not tell how much of the key is right.
 bool sameKey(std::string_view given, std::string_view key) {
   unsigned difference = given.size() == key.size() ? 0 : 1;
   for (std::size_t i = 0; i < key.size(); ++i) {
-    difference |= static_cast<unsigned char>(key[i]) ^ static_cast<unsigned char>(i < given.size() ? given[i] : 0);
+    difference |=
+        static_cast<unsigned char>(key[i]) ^ static_cast<unsigned char>(i < given.size() ? given[i] : 0);
   }
   return difference == 0;
 }
 
 bool namesThisMachine(std::string_view host) {
   const std::size_t port = host.rfind(':');
-  if (port != std::string_view::npos && host.find(']', port) == std::string_view::npos) host = host.substr(0, port);
+  if (port != std::string_view::npos && host.find(']', port) == std::string_view::npos)
+    host = host.substr(0, port);
   constexpr std::array<std::string_view, 3> names = {"127.0.0.1", "localhost", "[::1]"};
   return std::ranges::find(names, host) != names.end();
 }
 
-// The objects under `key`, each with a non-empty string under `name`; null, with `refusal` filled, when the list is
-// not such a list.
-const Json::Array* elements(const Json::Object& body, std::string_view key, std::string_view name, Reply& refusal) {
+// The objects under `key`, each with a non-empty string under `name`; null, with `refusal` filled, when the
+// list is not such a list.
+const Json::Array* elements(const Json::Object& body, std::string_view key, std::string_view name,
+                            Reply& refusal) {
   const Json* list = body.find(key);
   if (!list || !list->asList()) {
     refusal = failure(400, "\"" + std::string(key) + "\" is not a list");
@@ -51,7 +56,8 @@ const Json::Array* elements(const Json::Object& body, std::string_view key, std:
                const Json::Object* object = element.asObject();
                return !object || !object->optionalText(name);
              })) {
-    refusal = failure(400, "an element of \"" + std::string(key) + "\" has no text \"" + std::string(name) + "\"");
+    refusal =
+        failure(400, "an element of \"" + std::string(key) + "\" has no text \"" + std::string(name) + "\"");
   } else {
     return list->asList();
   }
@@ -66,7 +72,8 @@ Reply renderPage() {
   constexpr std::string_view placeholder = "{{nonce}}";
   std::random_device device;
   std::string nonce;
-  for (int i = 0; i < 4; ++i) nonce += std::to_string(device());
+  for (int i = 0; i < 4; ++i)
+    nonce += std::to_string(device());
   Reply reply{200, std::string(pageText), "text/html; charset=utf-8", "", nonce};
   for (std::size_t at; (at = reply.body.find(placeholder)) != std::string::npos;) {
     reply.body.replace(at, placeholder.size(), nonce);
@@ -241,7 +248,8 @@ Reply ControlPlane::completeRun(const std::string& runID, const Body& body) {
   const std::optional<double> cap = policies_.policies().costCap;
   const double cost = store_.cost(runID);
   const bool over = cap && cost > *cap;
-  const std::string reason = over ? "The run cost " + dollars(cost) + "; its cap is " + dollars(*cap) + "." : "";
+  const std::string reason =
+      over ? "The run cost " + dollars(cost) + "; its cap is " + dollars(*cap) + "." : "";
   const Json::Object governance{
       {"action", over ? "warn" : "allow"}, {"reason", reason}, {"retry_feedback", ""}, {"max_retries", 0}};
   return success({{"run_id", runID}, {"governance", governance}});

@@ -1,8 +1,9 @@
-// The Observe API as the hook speaks it, the agent-config endpoint, and the page: one request in, one answer out.
+// The Observe API as the hook speaks it, the agent-config endpoint, and the page: one request in, one answer
+// out.
 //
-// The API wants the key in "X-Quib-Key". The page wants no key: it is for whoever sits at this machine, so it is
-// only served over loopback and to a Host that is this machine's own name, which a web site that re-binds its name
-// to 127.0.0.1 cannot claim; no answer allows another origin to read it.
+// The API wants the key in "X-Quib-Key". The page wants no key: it is for whoever sits at this machine, so it
+// is only served over loopback and to a Host that is this machine's own name, which a web site that re-binds
+// its name to 127.0.0.1 cannot claim; no answer allows another origin to read it.
 //
 // A request is answered when what it brings has been stored. Nothing here throws or blocks for long.
 #pragma once
@@ -19,11 +20,11 @@ namespace LocalControlPlane {
 
 struct Request {
   std::string method;
-  std::string target;  // the path, without the query
-  std::string key;     // header X-Quib-Key, or X-Quib-Device for the agent-config endpoint
-  std::string tenant;  // header X-Quib-Tenant
-  std::string host;    // header Host
-  std::string known;   // header If-None-Match
+  std::string target;   // the path, without the query
+  std::string key;      // header X-Quib-Key, or X-Quib-Device for the agent-config endpoint
+  std::string tenant;   // header X-Quib-Tenant
+  std::string host;     // header Host
+  std::string known;    // header If-None-Match
   std::string process;  // the query item "process"
   bool fromLoopback = false;
   std::string body;
@@ -39,8 +40,8 @@ struct Reply {
 
 class ControlPlane {
  public:
-  // An empty `key` means the one that the store keeps; an empty `policyPath` no policies. Throws StoreError when the
-  // data file cannot be used.
+  // An empty `key` means the one that the store keeps; an empty `policyPath` no policies. Throws StoreError
+  // when the data file cannot be used.
   ControlPlane(const std::string& dataPath, std::string key, std::string policyPath);
 
   const std::string& key() const { return key_; }

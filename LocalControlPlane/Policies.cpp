@@ -12,7 +12,9 @@ namespace {
 
 constexpr std::array<std::string_view, 3> actions = {"allow", "warn", "block"};  // from lenient to strict
 
-auto strictness(std::string_view action) { return std::ranges::find(actions, action) - actions.begin(); }
+auto strictness(std::string_view action) {
+  return std::ranges::find(actions, action) - actions.begin();
+}
 
 // The first member of `object` that is none of `known`; empty when there is none.
 std::string unknownMember(const Json::Object& object, std::initializer_list<std::string_view> known) {
@@ -119,9 +121,8 @@ Verdict evaluate(const Policies& policies, const std::string& workflow, std::int
     verdict.action = action;
     verdict.reason = reason;
   };
-  const auto rule = std::ranges::find_if(policies.rules, [&](const PolicyRule& candidate) {
-    return Paths::glob(candidate.workflow, workflow);
-  });
+  const auto rule = std::ranges::find_if(
+      policies.rules, [&](const PolicyRule& candidate) { return Paths::glob(candidate.workflow, workflow); });
   if (rule != policies.rules.end()) apply(rule->workflow, rule->action, rule->reason);
   if (workflow != "claude-code:precompact") return verdict;
   const auto over = [tokens](std::optional<std::int64_t> limit) { return limit && tokens > *limit; };
@@ -129,7 +130,8 @@ Verdict evaluate(const Policies& policies, const std::string& workflow, std::int
   if (block || over(policies.warnTokens)) {
     const std::int64_t limit = block ? *policies.blockTokens : *policies.warnTokens;
     apply("compaction_token_budget", block ? "block" : "warn",
-          "The run has used " + std::to_string(tokens) + " tokens; its budget is " + std::to_string(limit) + ".");
+          "The run has used " + std::to_string(tokens) + " tokens; its budget is " + std::to_string(limit) +
+              ".");
   }
   return verdict;
 }

@@ -6,9 +6,9 @@
 //     "compaction_token_budget": {"warn": 150000, "block": 400000}
 //   }
 //
-// Every member may be missing; a member "note" may stand anywhere and is not read. Anything else that is unknown
-// or mistyped makes the file unusable as a whole, with a message that says where: a misspelt cap must not pass
-// for no cap.
+// Every member may be missing; a member "note" may stand anywhere and is not read. Anything else that is
+// unknown or mistyped makes the file unusable as a whole, with a message that says where: a misspelt cap must
+// not pass for no cap.
 #pragma once
 
 #include <cstdint>
@@ -53,8 +53,8 @@ class PolicyFile {
   // An empty path means that there are no policies.
   explicit PolicyFile(std::string path) : path_(std::move(path)) {}
 
-  // Reads the file again and takes it over when it has changed and is usable. True when the policies in force or
-  // the problem are not what they were.
+  // Reads the file again and takes it over when it has changed and is usable. True when the policies in force
+  // or the problem are not what they were.
   bool refresh();
 
   const Policies& policies() const { return policies_; }

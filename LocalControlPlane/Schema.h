@@ -1,13 +1,13 @@
-// The tables of the store and the questions that the page asks of them. The page's JSON is built by SQLite itself, so
-// that a column is named once.
+// The tables of the store and the questions that the page asks of them. The page's JSON is built by SQLite
+// itself, so that a column is named once.
 #pragma once
 
 namespace LocalControlPlane {
 
 inline constexpr int schemaVersion = 1;
 
-// Times are UTC with milliseconds; "at" is when a row arrived. What the agent sent is kept whole, as JSON, beside the
-// columns that are asked for by name.
+// Times are UTC with milliseconds; "at" is when a row arrived. What the agent sent is kept whole, as JSON,
+// beside the columns that are asked for by name.
 inline constexpr char schema[] = R"(
   CREATE TABLE IF NOT EXISTS settings (name TEXT PRIMARY KEY, value TEXT NOT NULL);
   CREATE TABLE IF NOT EXISTS runs (
@@ -19,6 +19,7 @@ inline constexpr char schema[] = R"(
     id INTEGER PRIMARY KEY, run TEXT NOT NULL REFERENCES runs (id), at TEXT NOT NULL, position INTEGER NOT NULL,
     name TEXT NOT NULL, kind TEXT NOT NULL, action TEXT NOT NULL, output TEXT NOT NULL, hardware TEXT NOT NULL);
   CREATE INDEX IF NOT EXISTS steps_of_run ON steps (run, kind, action);
+  CREATE INDEX IF NOT EXISTS steps_of_kind ON steps (kind, action);
   CREATE TABLE IF NOT EXISTS spans (
     id INTEGER PRIMARY KEY, run TEXT NOT NULL REFERENCES runs (id), at TEXT NOT NULL, name TEXT NOT NULL,
     kind TEXT NOT NULL, status TEXT NOT NULL, start_time TEXT NOT NULL, end_time TEXT NOT NULL, span TEXT NOT NULL);
@@ -69,7 +70,15 @@ inline constexpr char overviewQuery[] = R"(
       SELECT json_object('day', day, 'tokens_in', sum(tokens_in), 'tokens_out', sum(tokens_out),
                          'cost', total(cost)) AS day
       FROM calls GROUP BY day ORDER BY day DESC LIMIT 60)),
-    'totals', json_object('runs', (SELECT count(*) FROM runs)))
+    'totals', (SELECT json_object(
+      'runs', (SELECT count(*) FROM runs), 'steps', (SELECT count(*) FROM steps), 'calls', count(*),
+      'tokens_in', coalesce(sum(tokens_in), 0), 'tokens_out', coalesce(sum(tokens_out), 0), 'cost', total(cost),
+      'allowed', (SELECT count(*) FROM decisions WHERE action = 'allow'),
+      'asked', (SELECT count(*) FROM steps WHERE kind = 'guard_decision'
+                AND action IN ('ask', 'policy_warn', 'precompact_warn', 'post_run_overage')),
+      'blocked', (SELECT count(*) FROM steps WHERE kind = 'guard_decision'
+                  AND action IN ('deny', 'policy_block', 'precompact_block')))
+      FROM calls))
 )";
 
 // 1: the run, 2: how many items at most.
@@ -91,7 +100,8 @@ inline constexpr char runQuery[] = R"(
           json_extract(output, '$.tool_input.query'), json_extract(output, '$.tool_input.description'),
           json_extract(output, '$.prompt'), json_extract(output, '$.message'),
           json_extract(output, '$.agent_type'), json_extract(output, '$.cwd'),
-          '$' || printf('%.4f', json_extract(output, '$.total_cost')),
+          '$' || iif(json_type(output, '$.total_cost') IN ('integer', 'real'),
+                      printf('%.4f', json_extract(output, '$.total_cost')), NULL),
           json_extract(output, '$.pre_tokens') || ' tokens', ''), 1, 400)) AS item
       FROM steps WHERE run = ?1
       UNION ALL

@@ -55,9 +55,9 @@ http::response<http::string_body> responseOf(Reply reply, unsigned version, bool
   response.set("Cross-Origin-Resource-Policy", "same-origin");
   response.set("Referrer-Policy", "no-referrer");
   const std::string own = reply.nonce.empty() ? "'none'" : "'nonce-" + reply.nonce + "'";
-  response.set("Content-Security-Policy", "default-src 'none'; connect-src 'self'; img-src data:; script-src " +
-                                              own + "; style-src " + own +
-                                              "; base-uri 'none'; form-action 'none'; frame-ancestors 'none'");
+  response.set("Content-Security-Policy",
+               "default-src 'none'; connect-src 'self'; img-src data:; script-src " + own + "; style-src " +
+                   own + "; base-uri 'none'; form-action 'none'; frame-ancestors 'none'");
   if (!reply.tag.empty()) response.set(http::field::etag, reply.tag);
   response.keep_alive(keepAlive);
   response.body() = std::move(reply.body);
@@ -77,7 +77,8 @@ bool isMisuse(const beast::error_code& error) {
          error != http::error::end_of_stream && error != http::error::partial_message;
 }
 
-// Reads what an answer was given without, for a while, for closing on unread bytes would take the answer away.
+// Reads what an answer was given without, for a while, for closing on unread bytes would take the answer
+// away.
 net::awaitable<void> drain(beast::tcp_stream& stream) {
   std::array<char, 16 * 1024> scrap;
   beast::error_code ignored;
@@ -169,7 +170,9 @@ Server::Server(ControlPlane& controlPlane, const std::string& address, std::uint
   if (!error) acceptor.set_option(net::socket_base::reuse_address(true), error);
   if (!error) acceptor.bind(endpoint, error);
   if (!error) acceptor.listen(net::socket_base::max_listen_connections, error);
-  if (error) throw ServerError("cannot listen on " + address + " port " + std::to_string(port) + ": " + error.message());
+  if (error)
+    throw ServerError("cannot listen on " + address + " port " + std::to_string(port) + ": " +
+                      error.message());
   net::co_spawn(listener_->context, listener_->accept(), net::detached);
 }
 
@@ -182,16 +185,25 @@ std::string Server::url() const {
   return "http://" + host + ":" + std::to_string(endpoint.port());
 }
 
-void Server::run(bool untilSignal) {
+bool Server::run(bool untilSignal) {
+  bool signalled = false;
   net::signal_set signals(listener_->context);
   if (untilSignal) {
     signals.add(SIGINT);
     signals.add(SIGTERM);
-    signals.async_wait([this](beast::error_code, int) { stop(); });
+    signals.async_wait([&](beast::error_code error, int) {
+      if (error) return;
+      signalled = true;
+      listener_->context.stop();
+    });
   }
+  listener_->context.restart();
   listener_->context.run();
+  return signalled;
 }
 
-void Server::stop() { listener_->context.stop(); }
+void Server::stop() {
+  listener_->context.stop();
+}
 
 }  // namespace LocalControlPlane

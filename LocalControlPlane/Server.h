@@ -1,5 +1,5 @@
-// The control plane over HTTP: one thread, any number of connections up to a limit, each bounded in what it may send
-// and in how long it may take, so that a slow or hostile client holds up nobody but itself.
+// The control plane over HTTP: one thread, any number of connections up to a limit, each bounded in what it
+// may send and in how long it may take, so that a slow or hostile client holds up nobody but itself.
 #pragma once
 
 #include <chrono>
@@ -17,12 +17,12 @@ struct ServerError : std::runtime_error {
 };
 
 struct Limits {
-  std::uint32_t head = 16 * 1024;                // bytes
-  std::uint64_t body = 16 * 1024 * 1024;         // bytes
-  int connections = 256;                         // beyond which a new one is closed at once
-  std::chrono::milliseconds idle{60'000};        // until a head is complete, on a connection that has served one
-  std::chrono::milliseconds firstHead{10'000};   // the same, on a new connection
-  std::chrono::milliseconds exchange{30'000};    // each for a body and for an answer
+  std::uint32_t head = 16 * 1024;          // bytes
+  std::uint64_t body = 16 * 1024 * 1024;   // bytes
+  int connections = 256;                   // beyond which a new one is closed at once
+  std::chrono::milliseconds idle{60'000};  // until a head is complete, on a connection that has served one
+  std::chrono::milliseconds firstHead{10'000};  // the same, on a new connection
+  std::chrono::milliseconds exchange{30'000};   // each for a body and for an answer
 };
 
 class Server {
@@ -36,8 +36,9 @@ class Server {
   // http://127.0.0.1:8787
   std::string url() const;
 
-  // Serves until `stop`, or until the process is asked to end when `untilSignal`.
-  void run(bool untilSignal = false);
+  // Serves until `stop`, and with `untilSignal` until SIGINT or SIGTERM; true when it was such a signal. Can
+  // be called again.
+  bool run(bool untilSignal = false);
   void stop();  // from any thread
 
  private:

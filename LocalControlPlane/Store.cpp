@@ -17,9 +17,8 @@ namespace LocalControlPlane {
 
 bool isDate(std::string_view text) {
   constexpr std::string_view shape = "dddd-dd-dd";
-  return std::ranges::equal(text, shape, [](char c, char form) {
-    return form == 'd' ? c >= '0' && c <= '9' : c == form;
-  });
+  return std::ranges::equal(text, shape,
+                            [](char c, char form) { return form == 'd' ? c >= '0' && c <= '9' : c == form; });
 }
 
 namespace {
@@ -49,7 +48,8 @@ class Statement {
 
   std::string text(int column) {
     const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
-    return bytes ? std::string(bytes, static_cast<std::size_t>(sqlite3_column_bytes(statement_, column))) : "";
+    return bytes ? std::string(bytes, static_cast<std::size_t>(sqlite3_column_bytes(statement_, column)))
+                 : "";
   }
   std::int64_t integer(int column) { return sqlite3_column_int64(statement_, column); }
   double number(int column) { return sqlite3_column_double(statement_, column); }
@@ -73,7 +73,9 @@ class Statement {
 // All or nothing: undone unless committed.
 class Transaction {
  public:
-  explicit Transaction(sqlite3* database) : database_(database) { Statement(database, "BEGIN IMMEDIATE").step(); }
+  explicit Transaction(sqlite3* database) : database_(database) {
+    Statement(database, "BEGIN IMMEDIATE").step();
+  }
   ~Transaction() {
     if (!sqlite3_get_autocommit(database_)) sqlite3_exec(database_, "ROLLBACK", nullptr, nullptr, nullptr);
   }
@@ -143,7 +145,9 @@ Store::Store(const std::string& path) : version_(Clock::now().time_since_epoch()
   }
 }
 
-Store::~Store() { sqlite3_close(database_); }
+Store::~Store() {
+  sqlite3_close(database_);
+}
 
 std::string Store::key() {
   Statement(database_, "INSERT OR IGNORE INTO settings VALUES ('key', ?)").bind(randomHex(24)).step();
@@ -153,13 +157,14 @@ std::string Store::key() {
 }
 
 Run Store::startRun(const Json::Object& body) {
-  const Run run{"run-" + randomHex(12), "workflow-" + body.text("workflow_name"), Clock::dateTime(), "", true};
+  const Run run{"run-" + randomHex(12), "workflow-" + body.text("workflow_name"), Clock::dateTime(), "",
+                true};
   Statement(database_,
             "INSERT INTO runs (id, workflow_id, agent, slug, workflow, session, started_at, status, inputs, "
             "metadata) VALUES (?, ?, ?, ?, ?, ?, ?, 'running', ?, ?)")
-      .bind(run.id, run.workflowID, body.text("agent_name"), body.text("agent_slug"), body.text("workflow_name"),
-            body.text("session_id"), run.startedAt, Json(body.object("inputs")).compact(),
-            Json(body.object("metadata")).compact())
+      .bind(run.id, run.workflowID, body.text("agent_name"), body.text("agent_slug"),
+            body.text("workflow_name"), body.text("session_id"), run.startedAt,
+            Json(body.object("inputs")).compact(), Json(body.object("metadata")).compact())
       .step();
   ++version_;
   return run;
@@ -198,8 +203,8 @@ void Store::recordSteps(const std::string& runID, const Json::Array& steps, cons
     const Json::Object& step = *element.asObject();
     const Json::Object& output = step.object("output");
     insert
-        .bind(runID, now, step.integer("position"), step.text("step_name"), output.text("kind"), output.text("action"),
-              Json(output).compact(), hardware)
+        .bind(runID, now, step.integer("position"), step.text("step_name"), output.text("kind"),
+              output.text("action"), Json(output).compact(), hardware)
         .step();
   }
   transaction.commit();
@@ -232,9 +237,10 @@ void Store::recordCalls(const std::string& runID, const Json::Array& calls) {
   for (const Json& element : calls) {
     const Json::Object& call = *element.asObject();
     const std::string made = call.text("timestamp").substr(0, 10);
-        insert
-        .bind(runID, now, isDate(made) ? made : now.substr(0, 10), call.text("model"), boundedTokens(call, "tokens_in"),
-              boundedTokens(call, "tokens_out"), boundedCost(call), element.compact())
+    insert
+        .bind(runID, now, isDate(made) ? made : now.substr(0, 10), call.text("model"),
+              boundedTokens(call, "tokens_in"), boundedTokens(call, "tokens_out"), boundedCost(call),
+              element.compact())
         .step();
   }
   transaction.commit();

@@ -1,9 +1,9 @@
-// What the control plane has received, in one SQLite file: runs, steps, spans, LLM calls, and the answers to policy
-// checks. A write that has returned survives the death of this process. One process at a time: the file is locked
-// from opening to the end.
+// What the control plane has received, in one SQLite file: runs, steps, spans, LLM calls, and the answers to
+// policy checks. A write that has returned survives the death of this process. One process at a time: the
+// file is locked from opening to the end.
 //
-// Runs named here exist: whoever calls has asked `hasRun`. Whatever SQLite refuses (the file of another process, a
-// full disk) is a StoreError; what was asked for is then not recorded, not even in part.
+// Runs named here exist: whoever calls has asked `hasRun`. Whatever SQLite refuses (the file of another
+// process, a full disk) is a StoreError; what was asked for is then not recorded, not even in part.
 #pragma once
 
 #include <cstdint>

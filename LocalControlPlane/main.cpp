@@ -1,4 +1,5 @@
 // obrisk-local: a control plane in one process, for one machine.
+#include <csignal>
 #include <cstdlib>
 #include <iostream>
 #include <optional>
@@ -60,7 +61,8 @@ std::optional<Options> parse(const std::vector<std::string>& arguments) {
 }
 
 std::optional<std::uint16_t> portOf(const std::string& text) {
-  if (text.empty() || text.size() > 5 || text.find_first_not_of("0123456789") != std::string::npos) return std::nullopt;
+  if (text.empty() || text.size() > 5 || text.find_first_not_of("0123456789") != std::string::npos)
+    return std::nullopt;
   const int port = std::stoi(text);
   return port <= 65'535 ? std::optional<std::uint16_t>(port) : std::nullopt;
 }
@@ -74,13 +76,15 @@ int serve(const Options& options, std::uint16_t port) {
   LocalControlPlane::Server server(controlPlane, options.listen, port);
   std::cout << "obrisk-local serves " << server.url() << "\n"
             << "  data      " << options.data << "\n"
-            << "  policies  " << (options.policy.empty() ? "none: everything is allowed" : options.policy) << "\n\n"
+            << "  policies  " << (options.policy.empty() ? "none: everything is allowed" : options.policy)
+            << "\n\n"
             << "Agents on this machine record here with this in ~/.obrisk/config:\n\n"
             << "  [default]\n"
             << "  api_url = " << server.url() << "\n"
             << "  api_key = " << controlPlane.key() << "\n"
             << "  agent_slug = my-agent\n"
             << std::endl;
+  std::signal(SIGPIPE, SIG_IGN);  // whoever reads what is printed may go
   server.run(true);
   return EXIT_SUCCESS;
 }
