@@ -1,0 +1,46 @@
+#include "Hook/LLMCallDedupe.h"
+
+#include <vector>
+
+#include "Platform/Files.h"
+#include "Platform/Json.h"
+#include "Platform/Process.h"
+#include "Platform/Text.h"
+
+namespace LLMCallDedupe {
+
+namespace {
+
+std::string directory() {
+  std::string base = Process::home() + "/.obrisk/cc-dedupe";
+  std::string key = Process::environment("OBRISK_PROJECT_KEY").value_or("");
+  std::string_view project = Text::trim(key, Text::Space::blanks);
+  return project.empty() ? base : base + "/" + std::string(project);
+}
+
+}  // namespace
+
+std::string path(const std::string& runID) {
+  return directory() + "/" + runID + ".json";
+}
+
+std::set<std::string> load(const std::string& runID) {
+  if (runID.empty()) return {};
+  auto content = Files::read(path(runID));
+  auto json = content ? Json::parse(*content) : std::nullopt;
+  auto ids = json ? json->asTexts() : std::nullopt;
+  return ids ? std::set<std::string>(ids->begin(), ids->end()) : std::set<std::string>();
+}
+
+void save(const std::string& runID, const std::set<std::string>& ids) {
+  if (runID.empty()) return;
+  std::string file = path(runID);
+  std::string temporary = file + ".tmp";
+  static_cast<void>(Files::makeDirectories(file.substr(0, file.rfind('/'))));
+  std::string bytes = Json(std::vector<std::string>(ids.begin(), ids.end())).compact();
+  if (Files::write(temporary, bytes)) return;
+  // The move takes the old file away in the same step, so that a kill in between loses no ids.
+  static_cast<void>(Files::move(temporary, file));
+}
+
+}  // namespace LLMCallDedupe
