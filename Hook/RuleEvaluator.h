@@ -16,7 +16,7 @@
 
 #include "Hook/GuardConfig.h"
 #include "Platform/Json.h"
-#include "Platform/Regex.h"
+#include "Platform/TimeBudget.h"
 
 namespace RuleEvaluator {
 
@@ -27,27 +27,27 @@ Verdict checkToolUse(const std::string& toolName, const Json::Object& toolInput,
 
 // A shell command against the blocked and then the warned patterns, as it arrives, without taking it apart.
 std::optional<Verdict> checkBashCommand(const std::string& command, const GuardConfig& config,
-                                        RegexBudget& budget);
+                                        TimeBudget& budget);
 
 // A shell command that begins with "git ": pushes to protected branches, work thrown away, configuration
 // edits.
 std::optional<Verdict> checkGitOperation(const std::string& command, const GuardConfig& config,
-                                         RegexBudget& budget);
+                                         TimeBudget& budget);
 
 // A write to a protected (block) or sensitive (warn) file.
 std::optional<Verdict> checkFileWrite(const std::string& filePath, const GuardConfig& config,
-                                      const std::string& cwd, RegexBudget& budget);
+                                      const std::string& cwd, TimeBudget& budget);
 
 // A write to a file that describes infrastructure.
 std::optional<Verdict> checkInfraFile(const std::string& filePath, const GuardConfig& config,
-                                      const std::string& cwd, RegexBudget& budget);
+                                      const std::string& cwd, TimeBudget& budget);
 
 // A write outside the project directory and the temporary ones. Reading is never objected to.
 std::optional<Verdict> checkPathBoundary(const std::string& filePath, const std::string& cwd, bool readOnly);
 
 // A fetch of an internal address or a blocked domain.
 std::optional<Verdict> checkNetworkAccess(const std::string& url, const GuardConfig& config,
-                                          RegexBudget& budget);
+                                          TimeBudget& budget);
 
 // `path` with a leading tilde and the environment's variables expanded, taken from `cwd` when it is relative,
 // in standard form.
@@ -57,6 +57,6 @@ std::string normalizePath(const std::string& path, const std::string& cwd);
 // glob, or, where it contains "**", as the regular expression that its stars stand for.
 std::optional<std::string> matchedFilePattern(const std::string& filePath,
                                               const std::vector<std::string>& patterns,
-                                              const std::string& cwd, RegexBudget& budget);
+                                              const std::string& cwd, TimeBudget& budget);
 
 }  // namespace RuleEvaluator
