@@ -153,9 +153,9 @@ TEST_F(PreToolUse, EveryAnswerUnderEveryFailDefault) {
     auto log = jsonLines(sandbox.diagnostics());
     bool answered = row.reply.status < 400 && row.reply.fault == FakeControlPlane::Fault::none;
     ASSERT_EQ(log.size(), answered ? 0u : 1u) << row.name;
-    if (!answered)
-      EXPECT_EQ(log[0].text("message"),
-                std::string("PreToolUse policy check failed; applying fail-default=") + row.failDefault);
+    if (answered) continue;
+    EXPECT_EQ(log[0].text("message"),
+              std::string("PreToolUse policy check failed; applying fail-default=") + row.failDefault);
   }
 }
 
