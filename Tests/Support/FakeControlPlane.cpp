@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <poll.h>
@@ -237,6 +238,8 @@ void FakeControlPlane::State::acceptAll() {
   while (::poll(waiting, 2, -1) >= 0 && waiting[1].revents == 0) {
     const int descriptor = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (descriptor < 0) continue;
+    const int yes = 1;
+    ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
     const std::lock_guard lock(mutex);
     const int number = ++connections;
     open[number] = descriptor;

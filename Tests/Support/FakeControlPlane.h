@@ -43,28 +43,28 @@ class FakeControlPlane {
   struct Reply {
     int status = 200;
     std::string body = "{}";
-    std::vector<std::pair<std::string, std::string>> headers;  // beside the length
+    std::vector<std::pair<std::string, std::string>> headers = {};  // beside the length
     Fault fault = Fault::none;
     std::chrono::milliseconds delay{0};     // before the first byte
     std::chrono::milliseconds drip{0};      // when not 0: one byte at a time, with this pause after each
     std::chrono::milliseconds dripBody{0};  // likewise, the body only
     bool chunked = false;
-    bool untilClose = false;         // no length: the body ends with the connection
-    bool closeAfter = false;         // ends the connection after the answer, without announcing it
-    bool tlsAfter = false;           // after the answer, expects a TLS handshake on the same connection
-    std::string before;              // sent first, as it is: "HTTP/1.1 100 Continue\r\n\r\n"
-    std::optional<std::string> raw;  // sent as it is in place of the whole answer
+    bool untilClose = false;              // no length: the body ends with the connection
+    bool closeAfter = false;              // ends the connection after the answer, without announcing it
+    bool tlsAfter = false;                // after the answer, expects a TLS handshake on the same connection
+    std::string before = {};              // sent first, as it is: "HTTP/1.1 100 Continue\r\n\r\n"
+    std::optional<std::string> raw = {};  // sent as it is in place of the whole answer
   };
 
   using Handler = std::function<Reply(const Request&)>;
 
   struct Options {
-    std::optional<Certificate> certificate;  // speaks TLS from the first byte, unless `plainFirst`
-    bool plainFirst = false;                 // TLS only after a reply with `tlsAfter`, as a proxy's tunnel
+    std::optional<Certificate> certificate = {};  // speaks TLS from the first byte, unless `plainFirst`
+    bool plainFirst = false;  // TLS only after a reply with `tlsAfter`, as a proxy's tunnel
     bool ipv6 = false;
     bool deaf = false;         // accepts connections and never reads a byte
     bool unaccepting = false;  // never accepts: a client's connection is never established
-    std::string address;       // "127.0.0.1" or "::1" when empty
+    std::string address = {};  // "127.0.0.1" or "::1" when empty
     int port = 0;              // chosen by the system when 0
   };
 
