@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -77,6 +78,18 @@ Descriptor openForReading(const std::string& path) {
   return Descriptor(::open(cPath(path), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
 }
 
+bool endsTorn(const Descriptor& file) {
+  auto attributes = regularFile(file);
+  char last = '\n';
+  return attributes && attributes->st_size > 0 &&
+         ::pread(file.get(), &last, 1, attributes->st_size - 1) == 1 && last != '\n';
+}
+
+// Released when the file is closed.
+bool lock(const Descriptor& file, int kind) {
+  return ::flock(file.get(), kind | LOCK_NB) == 0;
+}
+
 // A new file beside `path`, with the name that `pattern` is set to.
 Descriptor createBeside(const std::string& path, std::string& name) {
   name = path.substr(0, path.rfind('/') + 1) + ".quib-XXXXXX";
@@ -136,11 +149,13 @@ std::error_code move(const std::string& from, const std::string& to) {
 bool append(const std::string& path, std::string_view record) {
   Descriptor file(::open(cPath(path), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY,
                          S_IRUSR | S_IWUSR));
-  auto attributes = regularFile(file);
-  if (!attributes) return false;
-  char last = '\n';
-  if (attributes->st_size > 0 && ::pread(file.get(), &last, 1, attributes->st_size - 1) != 1) return false;
-  std::string whole = last == '\n' ? std::string(record) : "\n" + std::string(record);
+  if (!regularFile(file)) return false;
+  // A record that another process is writing shows its first part early and looks like a torn line. So
+  // writers share a lock, and only who has it alone believes in the tear. Nobody waits for it for long.
+  for (int tries = 0; !lock(file, LOCK_SH) && errno == EWOULDBLOCK && tries < 20; ++tries)
+    ::usleep(1'000);
+  bool torn = endsTorn(file) && lock(file, LOCK_EX) && endsTorn(file);
+  std::string whole = torn ? "\n" + std::string(record) : std::string(record);
   return ::write(file.get(), whole.data(), whole.size()) == static_cast<ssize_t>(whole.size());
 }
 
