@@ -202,8 +202,9 @@ bool Server::run(bool untilSignal) {
   return signalled;
 }
 
+// As an event of its own, so that a stop that comes before `run` is not forgotten.
 void Server::stop() {
-  listener_->context.stop();
+  net::post(listener_->context, [this] { listener_->context.stop(); });
 }
 
 }  // namespace LocalControlPlane

@@ -29,7 +29,9 @@ class LocalControlPlaneTest : public testing::Test {
     const std::optional<Reply> refusal = plane->refuse(message);
     return refusal ? *refusal : plane->answer(message);
   }
-  Reply post(const std::string& path, const std::string& body) { return send(request("POST", observe + path, body)); }
+  Reply post(const std::string& path, const std::string& body) {
+    return send(request("POST", observe + path, body));
+  }
   Json::Object get(const std::string& target) { return parsed(send(request("GET", target)).body); }
 
   std::string newRun(const std::string& workflow = "session:startup") {
@@ -63,9 +65,11 @@ TEST_F(LocalControlPlaneTest, ShowsARunAsItWasReceived) {
       "timestamp":"2026-01-31T09:15:01.000Z","response_preview":"done"}]})")
                 .status,
             200);
-  EXPECT_EQ(post(runs + "/complete/", R"({"result":{"total_turns":1},"status":"success","error":"","steps":[]})").body,
-            R"({"governance":{"action":"allow","max_retries":0,"reason":"","retry_feedback":""},"run_id":")" + run +
-                "\"}");
+  EXPECT_EQ(
+      post(runs + "/complete/", R"({"result":{"total_turns":1},"status":"success","error":"","steps":[]})")
+          .body,
+      R"({"governance":{"action":"allow","max_retries":0,"reason":"","retry_feedback":""},"run_id":")" + run +
+          "\"}");
 
   const Json::Object seen = get("/ui/runs/" + run);
   EXPECT_EQ(seen.text("status"), "success");
@@ -87,9 +91,9 @@ TEST_F(LocalControlPlaneTest, ShowsARunAsItWasReceived) {
 
 TEST_F(LocalControlPlaneTest, GivesAnAgentOneRunADay) {
   const auto daily = [this](const std::string& slug, const std::string& type, const std::string& date) {
-    return parsed(
-        post("runs/daily/", R"({"agent_slug":")" + slug + R"(","agent_type":")" + type + R"(","date":")" + date + "\"}")
-            .body);
+    return parsed(post("runs/daily/", R"({"agent_slug":")" + slug + R"(","agent_type":")" + type +
+                                          R"(","date":")" + date + "\"}")
+                      .body);
   };
   const Json::Object first = daily("a", "claude-code", "");
   EXPECT_TRUE(first.flag("created"));
@@ -109,7 +113,8 @@ TEST_F(LocalControlPlaneTest, GivesAnAgentOneRunADay) {
 TEST_F(LocalControlPlaneTest, RefusesWhatItCannotTakeAndKeepsNothingOfIt) {
   const std::string run = newRun();
   std::string many = R"({"steps":[)";
-  for (int i = 0; i < 10'001; ++i) many += R"({"step_name":"x"},)";
+  for (int i = 0; i < 10'001; ++i)
+    many += R"({"step_name":"x"},)";
   many.back() = ']';
   const std::string steps = observe + ("runs/" + run) + "/steps/";
   const struct {
@@ -137,9 +142,11 @@ TEST_F(LocalControlPlaneTest, RefusesWhatItCannotTakeAndKeepsNothingOfIt) {
       {"nesting without end", "POST", steps, "right", std::string(100'000, '['), 400},
       {"no steps", "POST", steps, "right", "{}", 400},
       {"steps that are none", "POST", steps, "right", R"({"steps":[{"step_name":"good"},7]})", 400},
-      {"a step without a name", "POST", steps, "right", R"({"steps":[{"step_name":"good"},{"position":1}]})", 400},
+      {"a step without a name", "POST", steps, "right", R"({"steps":[{"step_name":"good"},{"position":1}]})",
+       400},
       {"too many steps", "POST", steps, "right", many + "}", 413},
-      {"a run without a workflow", "POST", "/api/v1/observe/runs/start/", "right", R"({"agent_name":"a"})", 400},
+      {"a run without a workflow", "POST", "/api/v1/observe/runs/start/", "right", R"({"agent_name":"a"})",
+       400},
       {"a daily run of nobody", "POST", "/api/v1/observe/runs/daily/", "right", "{}", 400},
       {"a daily run on no day", "POST", "/api/v1/observe/runs/daily/", "right",
        R"({"agent_slug":"a","date":"today"})", 400},
@@ -160,18 +167,23 @@ TEST_F(LocalControlPlaneTest, RefusesWhatItCannotTakeAndKeepsNothingOfIt) {
 
 TEST_F(LocalControlPlaneTest, SumsWhateverNumbersItIsGiven) {
   const std::string run = newRun();
-  for (const char* call : {R"("tokens_in":9223372036854775807,"tokens_out":9223372036854775807,"cost":1e308)",
-                           R"("tokens_in":9223372036854775807,"tokens_out":-9223372036854775808,"cost":1e999)",
-                           R"("tokens_in":"12","tokens_out":{},"cost":null,"timestamp":"ÄÄÄÄÄÄÄ")"}) {
-    EXPECT_EQ(post("runs/" + run + "/llm-calls/", R"({"calls":[{"model":"m",)" + std::string(call) + "}]}").status, 200)
+  for (const char* call :
+       {R"("tokens_in":9223372036854775807,"tokens_out":9223372036854775807,"cost":1e308)",
+        R"("tokens_in":9223372036854775807,"tokens_out":-9223372036854775808,"cost":1e999)",
+        R"("tokens_in":"12","tokens_out":{},"cost":null,"timestamp":"ÄÄÄÄÄÄÄ")"}) {
+    EXPECT_EQ(
+        post("runs/" + run + "/llm-calls/", R"({"calls":[{"model":"m",)" + std::string(call) + "}]}").status,
+        200)
         << call;
   }
-  EXPECT_EQ(post("runs/" + run + "/steps/", R"({"steps":[{"step_name":"x","position":"y","output":{"kind":"pre_compact",
+  EXPECT_EQ(post("runs/" + run + "/steps/",
+                 R"({"steps":[{"step_name":"x","position":"y","output":{"kind":"pre_compact",
       "pre_tokens":9223372036854775807,"timestamp":{},"tool_name":[1],"violations":"none"}}]})")
                 .status,
             200);
-  EXPECT_EQ(post("policy-check/", R"({"workflow_name":"claude-code:precompact","agent_id":")" + run + "\"}").status,
-            200);
+  EXPECT_EQ(
+      post("policy-check/", R"({"workflow_name":"claude-code:precompact","agent_id":")" + run + "\"}").status,
+      200);
   EXPECT_EQ(totals().integer("calls"), 3);
   EXPECT_EQ(get("/ui/runs/" + run).list("items").size(), 5u);
 }
@@ -180,7 +192,8 @@ TEST_F(LocalControlPlaneTest, ShowsTheLatestOfAVeryLongRun) {
   const std::string run = newRun();
   for (int part = 0; part < 3; ++part) {
     std::string body = R"({"steps":[)";
-    for (int i = 0; i < 500; ++i) body += R"({"step_name":"x","position":)" + std::to_string(part * 500 + i) + "},";
+    for (int i = 0; i < 500; ++i)
+      body += R"({"step_name":"x","position":)" + std::to_string(part * 500 + i) + "},";
     body.back() = ']';
     post("runs/" + run + "/steps/", body + "}");
   }
@@ -217,7 +230,8 @@ TEST_F(LocalControlPlaneTest, CountsCallsAndTheAnnouncedContextAgainstTheBudgetA
   const std::string run = newRun(), other = newRun();
   const auto check = [&] {
     return parsed(
-        post("policy-check/", R"({"workflow_name":"claude-code:precompact","agent_id":")" + run + "\"}").body);
+        post("policy-check/", R"({"workflow_name":"claude-code:precompact","agent_id":")" + run + "\"}")
+            .body);
   };
   const auto complete = [&] {
     return parsed(post("runs/" + run + "/complete/", R"({"status":"success"})").body).object("governance");

@@ -49,7 +49,8 @@ class LocalPageTest : public testing::Test {
   }
 
   Sandbox sandbox;
-  std::string policy = (sandbox.write(sandbox.project() + "/policy.json", "{}"), sandbox.project() + "/policy.json");
+  std::string policy =
+      (sandbox.write(sandbox.project() + "/policy.json", "{}"), sandbox.project() + "/policy.json");
   ControlPlane plane{sandbox.home() + "/data.db", "right", policy};
 };
 
@@ -61,15 +62,18 @@ std::string from(const std::string& document, const std::string& id) {
 TEST_F(LocalPageTest, SaysWhatToDoWhileThereIsNothing) {
   const std::string shown = document();
   EXPECT_NE(shown.find("api_url = http://127.0.0.1:"), std::string::npos) << shown;
-  EXPECT_EQ(from(shown, "empty").find("hidden"), std::string::npos + 0) << "placeholder";
+  EXPECT_EQ(from(shown, "empty").substr(0, 60).find("hidden"), std::string::npos);
+  EXPECT_NE(shown.find("<main hidden"), std::string::npos);
 }
 
 TEST_F(LocalPageTest, ShowsARunAndTakesNothingInItForMarkup) {
-  const std::string hostile = R"(<img src=x onerror="document.title='owned'"><script>document.title='owned'</script>)";
-  const std::string run =
-      post("runs/start/", {{"agent_name", hostile}, {"workflow_name", hostile}, {"session_id", hostile},
-                           {"agent_slug", hostile}})
-          .text("run_id");
+  const std::string hostile =
+      R"(<img src=x onerror="document.title='owned'"><script>document.title='owned'</script>)";
+  const std::string run = post("runs/start/", {{"agent_name", hostile},
+                                               {"workflow_name", hostile},
+                                               {"session_id", hostile},
+                                               {"agent_slug", hostile}})
+                              .text("run_id");
   Json::Array steps;
   for (const char* kind : {"guard_decision", "tool_use", "tool_failure", "user_prompt", "__proto__"}) {
     steps.push_back(Json::Object{{"step_name", "hook:" + hostile},
@@ -80,14 +84,15 @@ TEST_F(LocalPageTest, ShowsARunAndTakesNothingInItForMarkup) {
                                                          {"violations", Json::Array{hostile}},
                                                          {"timestamp", hostile}}}});
   }
-  steps.push_back(Json::Object{
-      {"step_name", hostile}, {"output", Json::Object{{"kind", hostile}, {"action", hostile}}}});
+  steps.push_back(
+      Json::Object{{"step_name", hostile}, {"output", Json::Object{{"kind", hostile}, {"action", hostile}}}});
   post("runs/" + run + "/steps/", {{"steps", steps}});
   post("runs/" + run + "/spans/",
        {{"spans", Json::Array{Json::Object{{"name", hostile}, {"kind", "agent"}, {"start_time", hostile}}}}});
   post("runs/" + run + "/llm-calls/",
-       {{"calls", Json::Array{Json::Object{
-                      {"model", hostile}, {"response_preview", hostile}, {"tokens_in", 1200}, {"cost", 0.25}}}}});
+       {{"calls",
+         Json::Array{Json::Object{
+             {"model", hostile}, {"response_preview", hostile}, {"tokens_in", 1200}, {"cost", 0.25}}}}});
   post("policy-check/", {{"agent_id", run}, {"workflow_name", hostile}});
   post("runs/" + run + "/complete/", {{"status", hostile}, {"error", hostile}});
 
@@ -95,7 +100,8 @@ TEST_F(LocalPageTest, ShowsARunAndTakesNothingInItForMarkup) {
   EXPECT_EQ(shown.find("<img"), std::string::npos) << shown;
   EXPECT_NE(shown.find("<title>Obrisk, local control plane</title>"), std::string::npos);
   EXPECT_NE(from(shown, "items").find("&lt;img src=x"), std::string::npos);
-  EXPECT_NE(from(shown, "items").find("class=\"item block\""), std::string::npos) << "a denial has its colour";
+  EXPECT_NE(from(shown, "items").find("class=\"item block\""), std::string::npos)
+      << "a denial has its colour";
   EXPECT_NE(from(shown, "runs").find("$0.2500"), std::string::npos);
   EXPECT_NE(from(shown, "live").find(">live<"), std::string::npos);
 }
@@ -104,11 +110,13 @@ TEST_F(LocalPageTest, SaysThatThePolicyFileIsNotInForce) {
   post("runs/start/", {{"agent_name", "a"}, {"workflow_name", "w"}});
   sandbox.write(policy, R"({"rules":[{"workflow":"<b>"}]})");
   const std::string shown = document();
-  EXPECT_NE(from(shown, "notice").find("is not in force: rule 1 needs an \"action\""), std::string::npos) << shown;
+  EXPECT_NE(from(shown, "notice").find("is not in force: rule 1 needs an \"action\""), std::string::npos)
+      << shown;
 }
 
 TEST_F(LocalPageTest, OpensTheRunThatTheAddressNames) {
-  const std::string first = post("runs/start/", {{"agent_name", "one"}, {"workflow_name", "w"}}).text("run_id");
+  const std::string first =
+      post("runs/start/", {{"agent_name", "one"}, {"workflow_name", "w"}}).text("run_id");
   post("runs/start/", {{"agent_name", "two"}, {"workflow_name", "w"}});
   EXPECT_NE(from(document("#" + first), "run-head").find(first), std::string::npos);
 }

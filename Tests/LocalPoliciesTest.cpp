@@ -33,8 +33,10 @@ TEST(LocalPolicies, RefusesAFileThatDoesNotMeanWhatItSeemsToMean) {
        "rule 1 needs an \"action\" that is \"allow\", \"warn\" or \"block\""},
       {R"({"rules":[{"workflow":"a","action":"warn","reasons":"x"}]})",
        "rule 1 has the unknown member \"reasons\""},
-      {R"({"rules":[{"workflow":"a","action":"warn","reason":7}]})", "rule 1 has a \"reason\" that is not a string"},
-      {R"({"compaction_token_budget":5})", "\"compaction_token_budget\" is not an object of \"warn\" and \"block\""},
+      {R"({"rules":[{"workflow":"a","action":"warn","reason":7}]})",
+       "rule 1 has a \"reason\" that is not a string"},
+      {R"({"compaction_token_budget":5})",
+       "\"compaction_token_budget\" is not an object of \"warn\" and \"block\""},
       {R"({"compaction_token_budget":{"wran":5}})",
        "\"compaction_token_budget\" is not an object of \"warn\" and \"block\""},
       {R"({"compaction_token_budget":{"warn":1.5}})",
@@ -81,8 +83,9 @@ TEST(LocalPolicies, TheFirstRuleThatMatchesDecidesAndTheStricterOfRuleAndBudgetH
     EXPECT_EQ(verdict.action, action) << workflow << " " << tokens;
     EXPECT_EQ(verdict.reason, reason) << workflow << " " << tokens;
   }
-  EXPECT_EQ(evaluate(policies(R"({"compaction_token_budget":{"warn":9}})"), "claude-code:precompact", 10).action,
-            "warn");
+  EXPECT_EQ(
+      evaluate(policies(R"({"compaction_token_budget":{"warn":9}})"), "claude-code:precompact", 10).action,
+      "warn");
 }
 
 TEST(LocalPolicies, AChangedFileIsTakenOverAndABrokenOneLeavesTheLastGoodOneInForce) {
