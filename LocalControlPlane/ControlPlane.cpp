@@ -255,12 +255,19 @@ Reply ControlPlane::completeRun(const std::string& runID, const Body& body) {
   return success({{"run_id", runID}, {"governance", governance}});
 }
 
-// For the page: {"rules", "cost_cap", "path", "problem"} of the policies, and the store's overview.
+// For the page: the policies in force, and the store's overview.
 Reply ControlPlane::overview() {
-  const Json::Object policies{{"rules", static_cast<std::int64_t>(policies_.policies().rules.size())},
-                              {"path", policies_.path()},
-                              {"problem", policies_.problem()}};
-  return {200, R"({"policies":)" + Json(policies).compact() + R"(,"store":)" + store_.overview() + "}"};
+  const Policies& policies = policies_.policies();
+  Json::Array rules;
+  for (const PolicyRule& rule : policies.rules) {
+    rules.push_back(
+        Json::Object{{"workflow", rule.workflow}, {"action", rule.action}, {"reason", rule.reason}});
+  }
+  Json::Object shown{{"rules", rules}, {"path", policies_.path()}, {"problem", policies_.problem()}};
+  if (policies.costCap) shown.set("cost_cap", *policies.costCap);
+  if (policies.warnTokens) shown.set("warn_tokens", *policies.warnTokens);
+  if (policies.blockTokens) shown.set("block_tokens", *policies.blockTokens);
+  return {200, R"({"policies":)" + Json(shown).compact() + R"(,"store":)" + store_.overview() + "}"};
 }
 
 Reply ControlPlane::page(const Request& request) {
