@@ -90,6 +90,23 @@ bool lock(const Descriptor& file, int kind) {
   return ::flock(file.get(), kind | LOCK_NB) == 0;
 }
 
+// A record that another process is writing shows its first part early and looks like a torn line. So writers
+// share a lock, and only who has it alone believes in the tear. Nobody waits for it for long.
+constexpr int lockTries = 20;
+
+void lockForWriting(const Descriptor& file) {
+  for (int i = 0; i < lockTries && !lock(file, LOCK_SH) && errno == EWOULDBLOCK; ++i)
+    ::usleep(1'000);
+}
+
+bool isTorn(const Descriptor& file) {
+  for (int i = 0; i < lockTries && endsTorn(file); ++i) {
+    if (lock(file, LOCK_EX)) return endsTorn(file);
+    ::usleep(1'000);
+  }
+  return false;
+}
+
 // A new file beside `path`, with the name that `pattern` is set to.
 Descriptor createBeside(const std::string& path, std::string& name) {
   name = path.substr(0, path.rfind('/') + 1) + ".quib-XXXXXX";
@@ -150,12 +167,8 @@ bool append(const std::string& path, std::string_view record) {
   Descriptor file(::open(cPath(path), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY,
                          S_IRUSR | S_IWUSR));
   if (!regularFile(file)) return false;
-  // A record that another process is writing shows its first part early and looks like a torn line. So
-  // writers share a lock, and only who has it alone believes in the tear. Nobody waits for it for long.
-  for (int tries = 0; !lock(file, LOCK_SH) && errno == EWOULDBLOCK && tries < 20; ++tries)
-    ::usleep(1'000);
-  bool torn = endsTorn(file) && lock(file, LOCK_EX) && endsTorn(file);
-  std::string whole = torn ? "\n" + std::string(record) : std::string(record);
+  lockForWriting(file);
+  std::string whole = isTorn(file) ? "\n" + std::string(record) : std::string(record);
   return ::write(file.get(), whole.data(), whole.size()) == static_cast<ssize_t>(whole.size());
 }
 
