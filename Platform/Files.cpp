@@ -102,6 +102,7 @@ void lockForWriting(const Descriptor& file) {
 bool isTorn(const Descriptor& file) {
   for (int i = 0; i < lockTries && endsTorn(file); ++i) {
     if (lock(file, LOCK_EX)) return endsTorn(file);
+    lockForWriting(file);  // asking for more has given up the share
     ::usleep(1'000);
   }
   return false;
