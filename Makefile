@@ -12,7 +12,7 @@ all:
 	@cmake --build --preset release -j$(JOBS)
 
 demo: all
-	@scripts/demo $(BUILD)/release
+	@$(BUILD)/release/LocalControlPlane/obrisk-demo
 
 test:
 	@scripts/install-deps build test page
@@ -38,6 +38,11 @@ install: all
 uninstall:
 	@sed 's/.*/Removing &/' $(BUILD)/release/install_manifest.txt
 	@xargs -d '\n' rm -f < $(BUILD)/release/install_manifest.txt
+
+package: all
+	@scripts/install-deps package
+	@cd $(BUILD)/release && cpack --config CPackConfig.cmake
+	@ls $(BUILD)/release/*.deb
 
 format:
 	@scripts/install-deps lint
