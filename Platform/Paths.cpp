@@ -11,6 +11,7 @@
 
 #include "Platform/Files.h"
 #include "Platform/Process.h"
+#include "Platform/Text.h"
 
 namespace Paths {
 
@@ -20,6 +21,7 @@ namespace {
 constexpr std::size_t longestExpansion = 1 << 20;
 
 void replaceAll(std::string& text, const std::string& from, const std::string& to) {
+  if (!Text::contains(text, from)) return;
   std::string result;
   std::size_t done = 0;
   for (std::size_t at = text.find(from); at != text.npos; at = text.find(from, done)) {
@@ -27,7 +29,6 @@ void replaceAll(std::string& text, const std::string& from, const std::string& t
     done = at + from.size();
     if (result.size() > longestExpansion) return;
   }
-  if (done == 0) return;
   text = result.append(text, done);
 }
 

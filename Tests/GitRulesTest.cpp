@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -182,6 +183,19 @@ TEST(GitRules, WarnsOfAPushThatIsMadeTooLongToTellWhetherItIsForced) {
   EXPECT_EQ(check(command, config), "none") << "surely forced";
   const std::string hidden = "git push" + std::string(500'000, ' ') + "origin main -fx";
   EXPECT_EQ(check(hidden, config), push("main"));
+}
+
+TEST(GitRules, WarnsOfAPushWhoseBranchesCannotBeComparedInTime) {
+  using namespace std::chrono_literals;
+  std::string command = "git push";
+  for (int i = 0; i < 100'000; ++i)
+    command += " aaaaaaaa";
+  GuardConfig config;
+  config.git_protected_branches.assign(10'000, "*a*b");
+  TimeBudget budget(100ms);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_NE(RuleEvaluator::checkGitOperation(command, config, budget), std::nullopt);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -114,6 +115,17 @@ TEST(NetworkRules, BlocksConfiguredDomains) {
     config.block_internal_urls = row.blockInternal;
     EXPECT_EQ(check(row.url, config), row.expected) << row.sentence;
   }
+}
+
+TEST(NetworkRules, BlocksAnAddressThatCannotBeComparedInTime) {
+  using namespace std::chrono_literals;
+  GuardConfig config;
+  config.blocked_domains.assign(20'000, std::string(300, 'a') + "b");
+  TimeBudget budget(100ms);
+  const auto start = std::chrono::steady_clock::now();
+  const std::string url = "https://" + std::string(1'000'000, 'a');
+  EXPECT_NE(RuleEvaluator::checkNetworkAccess(url, config, budget), std::nullopt);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
 }
 
 }  // namespace
