@@ -1,24 +1,12 @@
 #include <algorithm>
 
-#include "Hook/GuardPattern.h"
+#include "Hook/BuiltInPatterns.h"
 #include "Hook/RuleEvaluator.h"
 #include "Hook/RuleSupport.h"
 #include "Platform/Text.h"
 
 namespace RuleEvaluator {
 namespace {
-
-constexpr GuardPattern gitForcePush{R"(git\s+push\s+.*?(--force|-f)\b)", {" push ", "-f"}};
-constexpr GuardPattern gitForcePushLease{R"(git\s+push\s+.*?--force-with-lease\b)",
-                                         {" push ", "--force-with-lease"}};
-constexpr GuardPattern gitHardReset{R"(git\s+reset\s+--hard\b)", {" reset ", " --hard"}};
-constexpr GuardPattern gitClean{R"(git\s+clean\s+.*?-[a-zA-Z]*f)", {" clean ", "-", "f"}};
-constexpr GuardPattern gitCheckoutDot{R"(git\s+checkout\s+\.\s*$)", {" checkout ", " ."}};
-constexpr GuardPattern gitRestoreDot{R"(git\s+restore\s+\.\s*$)", {" restore ", " ."}};
-constexpr GuardPattern gitConfigCmd{R"(git\s+config\b)", {"git ", " config"}};
-constexpr GuardPattern gitPush{R"(git\s+push\b)", {"git ", " push"}};
-constexpr GuardPattern gitBranchDelete{R"(git\s+branch\s+.*?-D\b)", {" branch ", "-d"}};
-constexpr GuardPattern gitRebase{R"(git\s+rebase\b)", {"git ", " rebase"}};
 
 struct Mention {
   bool mentions = false;
@@ -56,26 +44,26 @@ std::optional<Verdict> checkGitOperation(const std::string& command, const Guard
   const Mention mention = commandMentionsProtected(command, config.git_protected_branches, budget);
 
   if (config.git_block_force_push && mention.mentions &&
-      (matches(gitForcePush) || matches(gitForcePushLease))) {
+      (matches(BuiltIn::gitForcePush) || matches(BuiltIn::gitForcePushLease))) {
     return objection(block, "Force push to protected branch blocked: " + shortened(command));
   }
-  if (config.git_block_hard_reset && matches(gitHardReset)) {
+  if (config.git_block_hard_reset && matches(BuiltIn::gitHardReset)) {
     return objection(block, "git reset --hard blocked: " + shortened(command));
   }
-  if (matches(gitClean) || matches(gitCheckoutDot) || matches(gitRestoreDot)) {
+  if (matches(BuiltIn::gitClean) || matches(BuiltIn::gitCheckoutDot) || matches(BuiltIn::gitRestoreDot)) {
     return objection(block, "Destructive git operation blocked: " + shortened(command));
   }
-  if (config.git_block_config_edit && matches(gitConfigCmd)) {
+  if (config.git_block_config_edit && matches(BuiltIn::gitConfigCmd)) {
     return objection(block, "git config modification blocked: " + shortened(command));
   }
-  if (mention.mentions && matches(gitPush) && !subject.surelyMatches(gitForcePush)) {
+  if (mention.mentions && matches(BuiltIn::gitPush) && !subject.surelyMatches(BuiltIn::gitForcePush)) {
     return objection(warn, "Push to protected branch '" + mention.branch + "' — confirm?");
   }
-  if (matches(gitBranchDelete)) {
+  if (matches(BuiltIn::gitBranchDelete)) {
     return objection(warn, "Force-deleting a branch: " + shortened(command));
   }
   for (const std::string& branch : config.git_protected_branches) {
-    if (Text::contains(command, branch) && matches(gitRebase)) {
+    if (Text::contains(command, branch) && matches(BuiltIn::gitRebase)) {
       return objection(warn, "Rebasing on protected branch '" + branch + "' — confirm?");
     }
   }

@@ -3,7 +3,7 @@
 #include <string_view>
 #include <utility>
 
-#include "Hook/GuardDefaults.h"
+#include "Hook/BuiltInPatterns.h"
 
 namespace {
 
@@ -31,12 +31,12 @@ std::vector<std::string> expressions(const auto& patterns) {
 GuardConfig makeDefaults() {
   const auto texts = [](const auto& list) { return std::vector<std::string>(list.begin(), list.end()); };
   GuardConfig config;
-  config.blocked_command_patterns = expressions(GuardDefaults::blockedCommands);
-  config.warn_command_patterns = expressions(GuardDefaults::warnCommands);
-  config.protected_file_patterns = texts(GuardDefaults::protectedFiles);
-  config.warn_file_patterns = texts(GuardDefaults::warnFiles);
-  config.git_protected_branches = texts(GuardDefaults::protectedBranches);
-  config.infra_file_patterns = texts(GuardDefaults::infraFiles);
+  config.blocked_command_patterns = expressions(BuiltIn::blockedCommands);
+  config.warn_command_patterns = expressions(BuiltIn::warnCommands);
+  config.protected_file_patterns = texts(BuiltIn::protectedFiles);
+  config.warn_file_patterns = texts(BuiltIn::warnFiles);
+  config.git_protected_branches = texts(BuiltIn::protectedBranches);
+  config.infra_file_patterns = texts(BuiltIn::infraFiles);
   return config;
 }
 

@@ -2,7 +2,7 @@
 #include <array>
 #include <span>
 
-#include "Hook/GuardDefaults.h"
+#include "Hook/BuiltInPatterns.h"
 #include "Hook/RuleEvaluator.h"
 #include "Hook/RuleSupport.h"
 
@@ -11,9 +11,8 @@ namespace {
 
 // A configured expression, with the parts of the built-in one of the same text where there is one.
 GuardPattern withKnownParts(std::string_view expression) {
-  for (const std::span<const GuardPattern> list :
-       {std::span<const GuardPattern>(GuardDefaults::blockedCommands),
-        std::span<const GuardPattern>(GuardDefaults::warnCommands)}) {
+  for (const std::span<const GuardPattern> list : {std::span<const GuardPattern>(BuiltIn::blockedCommands),
+                                                   std::span<const GuardPattern>(BuiltIn::warnCommands)}) {
     const auto row = std::ranges::find(list, expression, &GuardPattern::expression);
     if (row != list.end()) return *row;
   }

@@ -11,14 +11,25 @@
 
 #include "Platform/Files.h"
 #include "Platform/Process.h"
+#include "Platform/Text.h"
 
 namespace Paths {
 
 namespace {
 
+// No variable is replaced that would make a path longer than this, far beyond what names a file.
+constexpr std::size_t longestExpansion = 1 << 20;
+
 void replaceAll(std::string& text, const std::string& from, const std::string& to) {
-  for (std::size_t at = text.find(from); at != text.npos; at = text.find(from, at + to.size()))
-    text.replace(at, from.size(), to);
+  if (!Text::contains(text, from)) return;
+  std::string result;
+  std::size_t done = 0;
+  for (std::size_t at = text.find(from); at != text.npos; at = text.find(from, done)) {
+    result.append(text, done, at - done).append(to);
+    done = at + from.size();
+    if (result.size() > longestExpansion) return;
+  }
+  text = result.append(text, done);
 }
 
 std::string_view withoutLastComponent(std::string_view path) {
@@ -67,7 +78,8 @@ std::string standardize(std::string_view given) {
     at = end + 1;
     if (component.empty() || component == ".") continue;
     if (component == ".." && absolute) {
-      out = withoutLastComponent(resolved(out));
+      // Of a path too long to name a file nothing is looked up, however many parents it has.
+      out = withoutLastComponent(path.size() < PATH_MAX ? resolved(out) : out);
       continue;
     }
     out.append("/").append(component);

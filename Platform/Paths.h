@@ -12,6 +12,7 @@ std::string expandTilde(std::string_view path);
 
 // Every "$NAME", then every "${NAME}", of each variable of the environment replaced by its value, literally.
 // Variables are taken in the order of the longest name first, so that none is cut short by another's prefix.
+// One that would make the path longer than 1 MiB stays as it is.
 std::string expandVariables(std::string path);
 
 // Collapses repeated "/", drops "." components and a trailing "/", expands a leading tilde, and resolves ".."

@@ -1,4 +1,4 @@
-#include "Hook/GuardPattern.h"
+#include "Hook/PatternSubject.h"
 
 #include <algorithm>
 

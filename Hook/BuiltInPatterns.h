@@ -1,12 +1,12 @@
-// The built-in lists of the local guard, in the order in which they are tried.
+// The built-in patterns of the local guard, each list in the order in which it is tried.
 #pragma once
 
 #include <array>
 #include <string_view>
 
-#include "Hook/GuardPattern.h"
+#include "Hook/PatternSubject.h"
 
-namespace GuardDefaults {
+namespace BuiltIn {
 
 // clang-format off
 inline constexpr std::array blockedCommands{
@@ -111,6 +111,32 @@ inline constexpr auto infraFiles = std::to_array<std::string_view>({
     "vercel.json",
     "netlify.toml",
 });
+
+// The expressions of the git rules; no configuration changes them.
+inline constexpr GuardPattern gitForcePush{R"(git\s+push\s+.*?(--force|-f)\b)", {" push ", "-f"}};
+inline constexpr GuardPattern gitForcePushLease{R"(git\s+push\s+.*?--force-with-lease\b)", {" push ", "--force-with-lease"}};
+inline constexpr GuardPattern gitHardReset{R"(git\s+reset\s+--hard\b)", {" reset ", " --hard"}};
+inline constexpr GuardPattern gitClean{R"(git\s+clean\s+.*?-[a-zA-Z]*f)", {" clean ", "-", "f"}};
+inline constexpr GuardPattern gitCheckoutDot{R"(git\s+checkout\s+\.\s*$)", {" checkout ", " ."}};
+inline constexpr GuardPattern gitRestoreDot{R"(git\s+restore\s+\.\s*$)", {" restore ", " ."}};
+inline constexpr GuardPattern gitConfigCmd{R"(git\s+config\b)", {"git ", " config"}};
+inline constexpr GuardPattern gitPush{R"(git\s+push\b)", {"git ", " push"}};
+inline constexpr GuardPattern gitBranchDelete{R"(git\s+branch\s+.*?-D\b)", {" branch ", "-d"}};
+inline constexpr GuardPattern gitRebase{R"(git\s+rebase\b)", {"git ", " rebase"}};
+
+// Addresses of this machine and of private networks.
+inline constexpr std::array internalURLPatterns{
+    GuardPattern{R"(^https?://localhost\b)", {"://localhost"}},
+    GuardPattern{R"(^https?://127\.0\.0\.1\b)", {"://127.0.0.1"}},
+    GuardPattern{R"(^https?://0\.0\.0\.0\b)", {"://0.0.0.0"}},
+    GuardPattern{R"(^https?://10\.\d+\.\d+\.\d+)", {"://10."}},
+    GuardPattern{R"(^https?://172\.(1[6-9]|2\d|3[01])\.\d+\.\d+)", {"://172."}},
+    GuardPattern{R"(^https?://192\.168\.\d+\.\d+)", {"://192.168."}},
+    GuardPattern{R"(^https?://169\.254\.\d+\.\d+)", {"://169.254."}},
+    GuardPattern{R"(^https?://metadata\.google\.internal)", {"://metadata.google.internal"}},
+    GuardPattern{R"(^https?://\[::1\])", {"://[::1]"}},
+};
+
 // clang-format on
 
-}  // namespace GuardDefaults
+}  // namespace BuiltIn
