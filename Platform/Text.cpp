@@ -52,6 +52,17 @@ constexpr std::array lineBreaks{
     CodePointRange{0x2028, 0x2029},
 };
 
+// Beyond ASCII, letters and signs that join neither the one before nor the one after when that is of these
+// too, or of ASCII. A common subset: the rest is left to the break iterator, which takes a hundred times as
+// long.
+constexpr std::array standalone{
+    CodePointRange{0xA0, 0xAC},     CodePointRange{0xAE, 0x2FF},    CodePointRange{0x370, 0x482},
+    CodePointRange{0x48A, 0x58F},   CodePointRange{0x1E00, 0x200A}, CodePointRange{0x2010, 0x2027},
+    CodePointRange{0x202F, 0x205F}, CodePointRange{0x2070, 0x20CF}, CodePointRange{0x20F1, 0x2CEE},
+    CodePointRange{0x2E00, 0x3029}, CodePointRange{0x3030, 0x3098}, CodePointRange{0x309B, 0xA66E},
+    CodePointRange{0xFF00, 0xFF9D},
+};
+
 bool isIn(const auto& ranges, char32_t point) {
   return std::ranges::any_of(ranges, [&](CodePointRange r) { return r.first <= point && point <= r.last; });
 }
@@ -67,12 +78,25 @@ bool isSpace(char32_t point, Space kind) {
 char32_t codePoint(std::string_view bytes) {
   const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(bytes[i]); };
   const auto continues = [&](std::size_t i) { return byte(i) >> 6 == 0b10; };
-  if (bytes.size() == 1 && byte(0) < 0x80) return byte(0);
-  if (bytes.size() == 2 && byte(0) >> 5 == 0b110 && continues(1)) {
-    return (byte(0) & 0x1Fu) << 6 | (byte(1) & 0x3Fu);
+  char32_t point = 0, least = 0;  // the least that needs so many bytes
+  if (bytes.size() == 1 && byte(0) < 0x80) {
+    point = byte(0);
+  } else if (bytes.size() == 2 && byte(0) >> 5 == 0b110 && continues(1)) {
+    point = (byte(0) & 0x1Fu) << 6 | (byte(1) & 0x3Fu);
+    least = 0x80;
+  } else if (bytes.size() == 3 && byte(0) >> 4 == 0b1110 && continues(1) && continues(2)) {
+    point = (byte(0) & 0x0Fu) << 12 | (byte(1) & 0x3Fu) << 6 | (byte(2) & 0x3Fu);
+    least = 0x800;
   }
-  if (bytes.size() == 3 && byte(0) >> 4 == 0b1110 && continues(1) && continues(2)) {
-    return (byte(0) & 0x0Fu) << 12 | (byte(1) & 0x3Fu) << 6 | (byte(2) & 0x3Fu);
+  return point >= least ? point : 0;
+}
+
+// The size of the ASCII or standalone character that `text` begins with, 0 when it begins with another.
+std::size_t plainCharacter(std::string_view text) {
+  if (text.empty()) return 0;
+  if (isAsciiByte(text[0])) return text[0] == '\r' && text.starts_with("\r\n") ? 2 : 1;
+  for (std::size_t size = 2; size <= std::min<std::size_t>(3, text.size()); ++size) {
+    if (isIn(standalone, codePoint(text.substr(0, size)))) return size;
   }
   return 0;
 }
@@ -124,17 +148,18 @@ std::string mapped(std::string_view text, CaseMapping* mapping) {
 }  // namespace
 
 std::string_view prefix(std::string_view text, std::size_t count) {
+  if (text.size() <= count) return text;
   std::size_t end = 0;    // of the characters counted so far
   std::size_t start = 0;  // of the last of them
   std::size_t counted = 0;
-  for (; counted < count && end < text.size() && isAsciiByte(text[end]); ++counted) {
+  std::size_t size = plainCharacter(text);
+  for (; counted < count && size > 0; ++counted) {
     start = end;
-    end += text.substr(end, 2) == "\r\n" ? 2 : 1;
+    end += size;
+    size = plainCharacter(text.substr(end));
   }
-  if (end == text.size() || (counted == count && (count == 0 || isAsciiByte(text[end])))) {
-    return text.substr(0, end);
-  }
-  // What follows is beyond ASCII and may belong to the last character counted, so that one is counted again.
+  if (end == text.size() || count == 0 || (counted == count && size > 0)) return text.substr(0, end);
+  // What follows may belong to the last character counted, so that one is counted again.
   const std::size_t recounted = counted == 0 ? 0 : 1;
   return text.substr(0, start + clusterBoundary(text.substr(start), count - counted + recounted));
 }

@@ -16,6 +16,16 @@ std::string repeated(std::string_view part, std::size_t times) {
   return whole;
 }
 
+// The encoding of a code point of two or three bytes.
+std::string utf8(std::uint32_t point) {
+  std::string bytes;
+  if (point < 0x800)
+    bytes += static_cast<char>(0xC0 | point >> 6);
+  else
+    (bytes += static_cast<char>(0xE0 | point >> 12)) += static_cast<char>(0x80 | (point >> 6 & 0x3F));
+  return bytes += static_cast<char>(0x80 | (point & 0x3F));
+}
+
 TEST(TextPrefix, CutsOnlyBetweenUserPerceivedCharacters) {
   struct Row {
     const char* sentence;
@@ -46,9 +56,25 @@ TEST(TextPrefix, CutsOnlyBetweenUserPerceivedCharacters) {
       {"a joiner after ASCII belongs to it", "a\u200Db", 1, "a\u200D"},
       {"nothing is taken of a text that begins with an accent", "\u0301a", 0, ""},
       {"an ill-formed byte counts as a character", "a\xFFz", 2, "a\xFF"},
+      {"punctuation, arrows and ideographs are one each", "→“漢”—字", 4, "→“漢”"},
+      {"an accent joins a letter beyond ASCII", "ж\u0301→a", 1, "ж\u0301"},
+      {"an accent joins the letter before the cut", "漢字\u0301a", 2, "漢字\u0301"},
+      {"a sign with an emoji's variation is one", "→✔\uFE0Fa", 2, "→✔\uFE0F"},
+      {"an encoding longer than need be is ill-formed", "\xE0\x82\xA0z", 3, "\xE0\x82\xA0"},
   };
   for (const Row& row : rows) {
     EXPECT_EQ(Text::prefix(row.text, row.count), row.expected) << row.sentence;
+  }
+}
+
+TEST(TextPrefix, TakesTheSameCharactersWithAndWithoutTheBreakIterator) {
+  // An emoji in front makes the whole text the break iterator's; each code point of up to three bytes must
+  // then come out as it does behind a letter.
+  const std::string emoji = "🙂";
+  for (std::uint32_t point = 0x80; point <= 0xFFFF; ++point) {
+    if (point >= 0xD800 && point <= 0xDFFF) continue;
+    const std::string text = "漢" + utf8(point) + "x" + utf8(point) + utf8(point) + "→";
+    ASSERT_EQ(emoji + std::string(Text::prefix(text, 4)), Text::prefix(emoji + text, 5)) << std::hex << point;
   }
 }
 
