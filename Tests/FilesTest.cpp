@@ -49,6 +49,44 @@ TEST(Files, AreReadFromAnOffset) {
   EXPECT_EQ(Files::readFrom(file, -1), "0123456789");
 }
 
+TEST(Files, AreReadLineByLine) {
+  Sandbox sandbox;
+  std::string file = sandbox.root() + "/file", fifo = sandbox.root() + "/fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  std::vector<std::string> lines;
+  auto collect = [&](std::string_view line) {
+    lines.emplace_back(line);
+    return line != "stop";
+  };
+  struct Row {
+    std::string content;
+    std::int64_t offset;
+    std::vector<std::string> lines;
+  };
+  const std::string longLine(5'000'000, 'x');
+  const Row rows[] = {
+      {"", 0, {""}},
+      {"\n", 0, {"", ""}},
+      {"a\nb", 0, {"a", "b"}},
+      {"a\n\nb\n", 0, {"a", "", "b", ""}},
+      {"a\nb", 1, {"", "b"}},
+      {"a\nb", 3, {""}},
+      {"a\nb", 4, {"a", "b"}},
+      {"a\r\nb\n\r\n\r\r\n", 0, {"a\r\nb", "\r\n\r\r\n"}},
+      {"a\r\nb", 2, {"", "b"}},
+      {"a\nstop\nb", 0, {"a", "stop"}},
+      {"a\n" + longLine + "\r\n" + longLine + "\nb", 0, {"a", longLine + "\r\n" + longLine, "b"}},
+  };
+  for (const Row& row : rows) {
+    sandbox.write(file, row.content);
+    lines.clear();
+    EXPECT_TRUE(Files::forEachLine(file, row.offset, collect));
+    EXPECT_TRUE(lines == row.lines) << row.content.substr(0, 20) << " from " << row.offset;
+  }
+  for (const std::string& path : {fifo, sandbox.root(), sandbox.root() + "/none"})
+    EXPECT_FALSE(Files::forEachLine(path, 0, collect)) << path;
+}
+
 TEST(Files, AreReplacedWholeWithTheirModeAndLeaveNothingBeside) {
   Sandbox sandbox;
   std::string directory = sandbox.root() + "/d", file = directory + "/file", other = directory + "/other";
