@@ -1,6 +1,7 @@
 #include <simdjson.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <limits>
@@ -13,7 +14,6 @@ namespace {
 using Selection = std::span<const Json::Selection>;  // empty: everything
 
 constexpr std::string_view replacementCharacter = "\xEF\xBF\xBD";
-constexpr std::string_view escapeLetters = "\"\\/bfnrt", escapeValues = "\"\\/\b\f\n\r\t";
 
 void appendUtf8(std::string& out, std::uint32_t codePoint) {
   if (codePoint < 0x80) {
@@ -42,52 +42,62 @@ std::optional<std::uint32_t> codeUnit(std::string_view text) {
   return unit;
 }
 
-// Bytes of the escape that `text` begins with; 0 when it is malformed.
-std::size_t escapeLength(std::string_view text) {
-  if (text.size() > 1 && escapeLetters.find(text[1]) != escapeLetters.npos) return 2;
-  return codeUnit(text) ? 6 : 0;
+// What each letter behind a backslash stands for; "\0" where it is no such letter.
+constexpr auto escapeValues = [] {
+  std::array<char, 256> values{};
+  constexpr std::string_view letters = "\"\\/bfnrt", meanings = "\"\\/\b\f\n\r\t";
+  for (std::size_t i = 0; i < letters.size(); ++i)
+    values[static_cast<unsigned char>(letters[i])] = meanings[i];
+  return values;
+}();
+
+char escapeValue(char letter) {
+  return escapeValues[static_cast<unsigned char>(letter)];
 }
 
-// Appends what the well-formed escape that `text` begins with stands for, and drops it from `text`; a
-// surrogate on its own stands for U+FFFD.
-void takeEscape(std::string_view& text, std::string& out) {
-  auto unit = codeUnit(text);
-  if (!unit) {
-    out += escapeValues[escapeLetters.find(text[1])];
-    text.remove_prefix(2);
-    return;
+// Whether every backslash in `text` begins a well-formed escape.
+bool hasValidEscapes(std::string_view text) {
+  for (auto at = text.find('\\'); at != text.npos; at = text.find('\\', at)) {
+    if (at + 1 < text.size() && escapeValue(text[at + 1]))
+      at += 2;
+    else if (codeUnit(text.substr(at)))
+      at += 6;
+    else
+      return false;
   }
+  return true;
+}
+
+// Appends what the "\uXXXX" escape (or surrogate pair of two) that `text` begins with stands for, and drops
+// it from `text`; a surrogate on its own stands for U+FFFD.
+void takeUnicodeEscape(std::string_view& text, std::string& out) {
+  std::uint32_t unit = codeUnit(text).value_or(0);
   text.remove_prefix(6);
-  if (*unit < 0xD800 || *unit > 0xDFFF) return appendUtf8(out, *unit);
-  auto low = *unit < 0xDC00 ? codeUnit(text) : std::nullopt;
+  if (unit < 0xD800 || unit > 0xDFFF) return appendUtf8(out, unit);
+  auto low = unit < 0xDC00 ? codeUnit(text) : std::nullopt;
   if (!low || *low < 0xDC00 || *low > 0xDFFF) {
     out += replacementCharacter;
     return;
   }
   text.remove_prefix(6);
-  appendUtf8(out, 0x10000 + ((*unit - 0xD800) << 10) + (*low - 0xDC00));
+  appendUtf8(out, 0x10000 + ((unit - 0xD800) << 10) + (*low - 0xDC00));
 }
 
-// Whether every escape in the content of a string is well-formed.
-bool hasValidEscapes(std::string_view content) {
-  for (auto at = content.find('\\'); at != content.npos; at = content.find('\\')) {
-    content.remove_prefix(at);
-    std::size_t length = escapeLength(content);
-    if (length == 0) return false;
-    content.remove_prefix(length);
-  }
-  return true;
-}
-
-// The text that the content of a string stands for; absent when an escape is malformed.
-std::optional<std::string> unescaped(std::string_view content) {
+// The text that the content of a string with valid escapes stands for.
+std::string unescaped(std::string_view content) {
+  std::size_t at = content.find('\\');
+  if (at == content.npos) return std::string(content);
   std::string out;
-  for (auto at = content.find('\\'); at != content.npos; at = content.find('\\')) {
-    if (out.empty()) out.reserve(content.size());
+  out.reserve(content.size());
+  for (; at != content.npos; at = content.find('\\')) {
     out += content.substr(0, at);
     content.remove_prefix(at);
-    if (escapeLength(content) == 0) return std::nullopt;
-    takeEscape(content, out);
+    if (char value = escapeValue(content[1])) {
+      out += value;
+      content.remove_prefix(2);
+    } else {
+      takeUnicodeEscape(content, out);
+    }
   }
   out += content;
   return out;
@@ -169,6 +179,8 @@ bool isLiteralOrNumber(std::string_view token) {
 class Parser {
  public:
   explicit Parser(std::string_view text) : text_(text) {
+    // A backslash outside a string is refused with the token that it stands in.
+    if (!hasValidEscapes(text)) return;
     // Positions are 32 bits wide.
     if (text.size() > std::numeric_limits<std::uint32_t>::max() - 64) return;
     const simdjson::implementation* implementation = simdjson::get_active_implementation();
@@ -217,10 +229,8 @@ class Parser {
         return depth < Json::maxDepth ? array(depth + 1, selection) : std::nullopt;
       case '{':
         return depth < Json::maxDepth ? object(depth + 1, selection) : std::nullopt;
-      case '"': {
-        auto text = unescaped(takeContent());
-        return text ? std::optional<Json>(std::move(*text)) : std::nullopt;
-      }
+      case '"':
+        return Json(unescaped(takeContent()));
       default:
         return literalOrNumber(takeToken());
     }
@@ -242,6 +252,7 @@ class Parser {
     std::vector<Json::Member> members;
     take('{');
     if (take('}')) return Json(Json::Object());
+    members.reserve(selection.empty() ? 8 : selection.size());
     do {
       if (peek() != '"' || !member(depth, selection, members)) return std::nullopt;
     } while (take(','));
@@ -250,19 +261,15 @@ class Parser {
 
   // Takes one member, and appends it to `members` when it is selected.
   bool member(int depth, Selection selection, std::vector<Json::Member>& members) {
-    std::string_view written = takeContent();
-    std::optional<std::string> key;
-    if (selection.empty() || written.find('\\') != written.npos) {
-      key = unescaped(written);
-      if (!key) return false;
-    }
-    std::string_view name = key ? std::string_view(*key) : written;
-    auto chosen = std::ranges::find(selection, name, &Json::Selection::key);
+    std::string_view key = takeContent();
+    std::string spelled;
+    if (key.find('\\') != key.npos) key = spelled = unescaped(key);
     if (!take(':')) return false;
+    auto chosen = std::ranges::find(selection, key, &Json::Selection::key);
     if (!selection.empty() && chosen == selection.end()) return skip(depth);
     auto built = value(depth, selection.empty() ? selection : chosen->within);
     if (!built) return false;
-    members.push_back({std::string(name), std::move(*built)});
+    members.push_back({std::string(key), std::move(*built)});
     return true;
   }
 
@@ -274,7 +281,7 @@ class Parser {
       case '{':
         return depth < Json::maxDepth && skipObject(depth + 1);
       case '"':
-        return hasValidEscapes(takeContent());
+        return take('"');
       default:
         return isLiteralOrNumber(takeToken());
     }
@@ -293,7 +300,7 @@ class Parser {
     take('{');
     if (take('}')) return true;
     do {
-      if (peek() != '"' || !hasValidEscapes(takeContent()) || !take(':') || !skip(depth)) return false;
+      if (!take('"') || !take(':') || !skip(depth)) return false;
     } while (take(','));
     return take('}');
   }

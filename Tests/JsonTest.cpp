@@ -83,6 +83,45 @@ TEST(Json, ReadsWhatIsWellFormedAndRefusesWhatIsNot) {
     EXPECT_EQ(reprinted(row.text), row.reprinted) << row.name;
 }
 
+TEST(Json, BuildsOnlyTheMembersThatAreSelected) {
+  static constexpr Json::Selection blocks[] = {{"t"}};
+  static constexpr Json::Selection members[] = {{"a"}, {"list", blocks}};
+  const std::pair<const char*, std::string> rows[] = {
+      {R"({"b":1,"a":{"x":[1,{"y":2}]},"c":[{"a":1}]})", R"({"a":{"x":[1,{"y":2}]}})"},
+      {R"({"list":[{"t":1,"u":2},{"u":3},4,[{"u":5,"t":6}]]})", R"({"list":[{"t":1},{},4,[{"t":6}]]})"},
+      {R"({"list":{"t":{"u":1},"u":2}})", R"({"list":{"t":{"u":1}}})"},
+      {R"({"a":1,"\u0061":2,"b":3})", R"({"a":2})"},
+      {R"({"a ":1," a":2,"\u0061b":3,"A":4})", "{}"},
+      {R"({"b":"\"a\":1","a":0})", R"({"a":0})"},
+      {R"({"a":1,"b":01})", "malformed"},
+      {R"({"a":1,"b":nul})", "malformed"},
+      {R"({"a":1,"b":"\x"})", "malformed"},
+      {R"({"a":1,"\u00g0":2})", "malformed"},
+      {R"({"a":1,"b":[1,]})", "malformed"},
+      {R"({"a":1,"b":{"c"}})", "malformed"},
+      {R"({"a":1,"b":{"c":1]})", "malformed"},
+      {R"({"a":1,"b":{"c" "d":1}})", "malformed"},
+      {R"({"a":1,"b":\"c"})", "malformed"},
+      {R"({"a":1,b:2})", "malformed"},
+      {R"({"a":1}})", "malformed"},
+      {R"([{"a":1}])", "malformed"},
+  };
+  for (const auto& [text, expected] : rows) {
+    auto object = Json::parseObject(text, members);
+    EXPECT_EQ(object ? Json(*object).compact() : "malformed", expected) << text;
+  }
+  auto nested = [](int depth) {
+    std::string open, close;
+    for (int level = 0; level < depth; ++level) {
+      open += '[';
+      close += ']';
+    }
+    return R"({"a":1,"b":)" + open + close + "}";
+  };
+  EXPECT_TRUE(Json::parseObject(nested(Json::maxDepth - 1), members));
+  EXPECT_FALSE(Json::parseObject(nested(Json::maxDepth), members));
+}
+
 TEST(Json, NestsToItsBoundAndNoDeeper) {
   auto nested = [](int depth) {
     return std::string(static_cast<std::size_t>(depth), '[') +
