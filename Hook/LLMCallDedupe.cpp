@@ -36,11 +36,11 @@ void save(const std::string& runID, const std::set<std::string>& ids) {
   if (runID.empty()) return;
   std::string file = path(runID);
   std::string temporary = file + ".tmp";
-  static_cast<void>(Files::makeDirectories(file.substr(0, file.rfind('/'))));
+  Files::makeDirectories(file.substr(0, file.rfind('/')));
   std::string bytes = Json(std::vector<std::string>(ids.begin(), ids.end())).compact();
   if (Files::write(temporary, bytes)) return;
   // The move takes the old file away in the same step, so that a kill in between loses no ids.
-  static_cast<void>(Files::move(temporary, file));
+  Files::move(temporary, file);
 }
 
 }  // namespace LLMCallDedupe

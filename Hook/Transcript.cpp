@@ -109,17 +109,6 @@ std::optional<LlmCallData> callFrom(const Json::Object& line, const std::string&
   return call;
 }
 
-// Takes the text up to the next line feed that is a character of its own off the front of `text`, with the
-// line feed; all of it when there is none. One behind a carriage return is part of that character.
-std::string_view takePiece(std::string_view& text) {
-  std::size_t end = text.find('\n');
-  while (end != text.npos && end > 0 && text[end - 1] == '\r')
-    end = text.find('\n', end + 1);
-  std::string_view piece = text.substr(0, end);
-  text.remove_prefix(end == text.npos ? text.size() : end + 1);
-  return piece;
-}
-
 std::int64_t saturatingSum(std::int64_t a, std::int64_t b) {
   std::int64_t sum = 0;
   if (!__builtin_add_overflow(a, b, &sum)) return sum;
@@ -138,27 +127,23 @@ void addTotals(TranscriptSummary& summary) {
   summary.modelsUsed.assign(models.begin(), models.end());
 }
 
-TranscriptSummary summarize(std::string_view text) {
+// What the lines walked so far come to, but for the totals.
+struct Walk {
   TranscriptSummary summary;
-  std::string promptPreview;
-  while (!text.empty()) {
-    std::string_view piece = Text::trim(takePiece(text), Text::Space::blanks);
-    if (piece.empty()) continue;
-    auto line = Json::parseObject(piece, lineMembers);
-    if (!line) continue;
-    const std::string& type = line->text("type");
+  std::string promptPreview;  // of the latest user text
+
+  void take(const Json::Object& line) {
+    const std::string& type = line.text("type");
     if (type == "user") {
-      std::string prompt = extractMessageText(line->object("message"));
+      std::string prompt = extractMessageText(line.object("message"));
       if (!prompt.empty()) promptPreview = preview(prompt);
     } else if (type == "assistant") {
-      if (auto call = callFrom(*line, promptPreview)) summary.calls.push_back(std::move(*call));
+      if (auto call = callFrom(line, promptPreview)) summary.calls.push_back(std::move(*call));
     } else if (type == "tool_use" || type == "tool") {
       ++summary.toolUses;
     }
   }
-  addTotals(summary);
-  return summary;
-}
+};
 
 }  // namespace
 
@@ -167,15 +152,21 @@ TranscriptSummary parse(const std::string& path, std::int64_t startOffset) {
     Log::error("hook.transcript", "transcript not found: " + path);
     return {};
   }
-  auto content = Files::readFrom(path, startOffset);
-  if (!content) {
-    Log::error("hook.transcript", "transcript read failed: " + path);
-    return {};
-  }
-  if (!Utf8::isValid(*content)) return {};
-  std::string_view text = *content;
-  if (startOffset >= 1) takePiece(text);
-  return summarize(text);
+  Walk walk;
+  bool discarding = startOffset >= 1;
+  bool valid = true;
+  bool read = Files::forEachLine(path, startOffset, [&](std::string_view piece) {
+    auto line = discarding ? std::nullopt : Json::parseObject(piece, lineMembers);
+    if (line) walk.take(*line);
+    discarding = false;
+    // The bytes are valid as a whole when every piece is, and what parses is.
+    valid = line || Utf8::isValid(piece);
+    return valid;
+  });
+  if (!read) Log::error("hook.transcript", "transcript read failed: " + path);
+  if (!read || !valid) return {};
+  addTotals(walk.summary);
+  return std::move(walk.summary);
 }
 
 std::string extractMessageText(const Json::Object& message) {
