@@ -17,15 +17,11 @@ namespace Files {
 // The whole content; absent when the file is missing, unreadable or not a regular file.
 std::optional<std::string> read(const std::string& path);
 
-// The content from byte `offset` to the end (all of it when `offset` is negative or beyond the end), in one
-// snapshot of the size. Absent as for `read`.
-std::optional<std::string> readFrom(const std::string& path, std::int64_t offset);
-
-// Calls `visit` with each line from byte `offset` on, until it returns false; the offset and the snapshot of
-// the size are as for `readFrom`, but no more than a line is held in memory. Lines end at every line feed
-// that is a character of its own (one behind a carriage return ends none) and come without it; the last is
-// what stands behind the last line feed, empty or not. False when the file is missing, no regular file, or
-// fails to read.
+// Calls `visit` with each line from byte `offset` on (from the start when it is negative or beyond the end),
+// in one snapshot of the size, until `visit` returns false. No more than a line is held in memory. Lines end
+// at every line feed that is a character of its own (one behind a carriage return is not) and come without
+// it; the last one is what stands behind the last such line feed, empty or not. False when the file is
+// missing, no regular file, or fails to read.
 bool forEachLine(const std::string& path, std::int64_t offset,
                  const std::function<bool(std::string_view line)>& visit);
 

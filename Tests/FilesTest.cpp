@@ -39,16 +39,6 @@ TEST(Files, OnlyRegularFilesAreRead) {
   EXPECT_FALSE(Files::read(file + std::string("\0x", 2))) << "a NUL must not cut the name short";
 }
 
-TEST(Files, AreReadFromAnOffset) {
-  Sandbox sandbox;
-  std::string file = sandbox.root() + "/file";
-  sandbox.write(file, "0123456789");
-  EXPECT_EQ(Files::readFrom(file, 4), "456789");
-  EXPECT_EQ(Files::readFrom(file, 10), "");
-  EXPECT_EQ(Files::readFrom(file, 11), "0123456789");
-  EXPECT_EQ(Files::readFrom(file, -1), "0123456789");
-}
-
 TEST(Files, AreReadLineByLine) {
   Sandbox sandbox;
   std::string file = sandbox.root() + "/file", fifo = sandbox.root() + "/fifo";
@@ -72,6 +62,7 @@ TEST(Files, AreReadLineByLine) {
       {"a\nb", 1, {"", "b"}},
       {"a\nb", 3, {""}},
       {"a\nb", 4, {"a", "b"}},
+      {"a\nb", -1, {"a", "b"}},
       {"a\r\nb\n\r\n\r\r\n", 0, {"a\r\nb", "\r\n\r\r\n"}},
       {"a\r\nb", 2, {"", "b"}},
       {"a\nstop\nb", 0, {"a", "stop"}},

@@ -1,0 +1,31 @@
+// An open file of POSIX, for the platform layer's own use.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <optional>
+#include <string>
+
+// Closed at the end of its scope; `valid()` is false when opening failed.
+class Descriptor {
+ public:
+  explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor();
+  bool valid() const { return descriptor_ >= 0; }
+  int get() const { return descriptor_; }
+
+ private:
+  int descriptor_;
+};
+
+// The path as the system takes it. No file has a NUL in its name; the empty path stands for one that does,
+// and is never found.
+const char* cPath(const std::string& path);
+
+// Opens without ever waiting for a FIFO's other end.
+Descriptor openForReading(const std::string& path);
+
+// Absent when opening has failed or what was opened is no regular file.
+std::optional<struct stat> regularFile(const Descriptor& file);
