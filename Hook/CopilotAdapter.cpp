@@ -15,10 +15,10 @@ using EventMapping::derived;
 using EventMapping::fixed;
 
 // The member's value under the first of the two names that is there, whatever its type.
-Json either(const Json::Object& raw, std::string_view key, std::string_view otherKey, Json missing) {
+Json either(const Json::Object& raw, std::string_view key, std::string_view otherKey, const Json& missing) {
   const Json* value = raw.find(key);
   if (!value) value = raw.find(otherKey);
-  return value ? *value : std::move(missing);
+  return value ? *value : missing;
 }
 
 // The string under the first of the two names that has one.
