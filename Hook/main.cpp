@@ -31,7 +31,7 @@ constexpr std::string_view usage =
     "\n"
     "  --app NAME         the agent whose events are read (default: claude)\n"
     "  --profile NAME     the profile of ~/.obrisk/config to use\n"
-    "  --install-AGENT    register this executable as the hook of that agent\n"
+    "  --install-...      register this executable as the hook of that agent\n"
     "\n"
     "What cannot be understood is let pass: the answer is then {\"continue\":true}, the status 0.\n";
 
