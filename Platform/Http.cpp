@@ -87,7 +87,7 @@ class Exchange {
   asio::awaitable<void> connect();
   asio::awaitable<void> connectTo(const Url::Parts& peer);
   asio::awaitable<void> openTunnel();
-  asio::awaitable<void> startTls();
+  asio::awaitable<bool> startTls(Tls::Trust trust);
   asio::awaitable<void> send(std::string step, std::string_view text);
   asio::awaitable<bool> receiveMore();
   asio::awaitable<Parser> receive(std::string step, bool headOnly);
@@ -182,7 +182,6 @@ asio::awaitable<Response> Exchange::perform() {
       if (!failure.isStale) throw;
     }
   }
-  connection_ = std::make_unique<Connection>(session().context);
   co_await connect();
   connection_->leadsTo = leadsTo;
   co_return co_await ask();
@@ -220,10 +219,13 @@ std::string Exchange::requestText() const {
 }
 
 asio::awaitable<void> Exchange::connect() {
-  co_await connectTo(proxy_ ? proxy_->at : target_);
-  if (!target_.secure) co_return;
-  if (proxy_) co_await openTunnel();
-  co_await startTls();
+  for (const auto trust : {Tls::Trust::onDemand, Tls::Trust::whole}) {
+    connection_ = std::make_unique<Connection>(session().context);
+    co_await connectTo(proxy_ ? proxy_->at : target_);
+    if (!target_.secure) co_return;
+    if (proxy_) co_await openTunnel();
+    if (co_await startTls(trust)) co_return;
+  }
 }
 
 // Tries the addresses in turn. Together they have the time of one wait, of which each leaves the others a
@@ -268,11 +270,12 @@ asio::awaitable<void> Exchange::openTunnel() {
   if (connection_->unread.size() > 0) fail("it sent more than an answer");
 }
 
-asio::awaitable<void> Exchange::startTls() {
+// False when the server's issuer is unknown, but might be found by another way of looking.
+asio::awaitable<bool> Exchange::startTls(Tls::Trust trust) {
   begin("securing the connection to " + target_.authority(), timeout_);
-  SSL_CTX* trust = Tls::newClientContext();
-  if (!trust) fail("TLS is not to be had");
-  asio::ssl::context context(trust);
+  SSL_CTX* client = Tls::newClientContext(trust);
+  if (!client) fail("TLS is not to be had");
+  asio::ssl::context context(client);
   connection_->tls = std::make_unique<asio::ssl::stream<tcp::socket&>>(connection_->socket, context);
   SSL* tls = connection_->tls->native_handle();
   X509_VERIFY_PARAM* expected = SSL_get0_param(tls);
@@ -283,10 +286,15 @@ asio::awaitable<void> Exchange::startTls() {
       (X509_VERIFY_PARAM_set1_host(expected, host, 0) == 1 && SSL_set_tlsext_host_name(tls, host) == 1);
   if (!named) fail("the host name cannot be verified");
   const auto [error] = co_await connection_->tls->async_handshake(asio::ssl::stream_base::client, asResult);
-  if (!error) co_return;
+  if (!error) co_return true;
   const long verdict = SSL_get_verify_result(tls);
-  if (verdict != X509_V_OK && !expired_) fail(X509_verify_cert_error_string(verdict));
-  fail(error);
+  if (verdict == X509_V_OK || expired_) fail(error);
+  const bool isUnknown = verdict == X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY ||
+                         verdict == X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT ||
+                         verdict == X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE ||
+                         verdict == X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN;
+  if (!isUnknown || trust == Tls::Trust::whole) fail(X509_verify_cert_error_string(verdict));
+  co_return false;
 }
 
 asio::awaitable<void> Exchange::send(std::string step, std::string_view text) {

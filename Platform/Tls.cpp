@@ -5,15 +5,19 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <optional>
+#include <string>
 #include <string_view>
+#include <vector>
+
+#include "Platform/CertificateFile.h"
+#include "Platform/Files.h"
 
 namespace Tls {
 
 namespace {
 
-// Directories hold one file for each certificate, named by its hash, and are searched only for the issuers
-// that a server's chain needs. Reading a whole bundle costs 20 times as much, so it is for systems that have
-// no more.
+// For systems without a directory of certificates named by their hashes.
 constexpr const char* bundles[] = {
     "/etc/ssl/certs/ca-certificates.crt",
     "/etc/pki/tls/certs/ca-bundle.crt",
@@ -51,7 +55,59 @@ const char* systemBundle() {
   return nullptr;
 }
 
-void trustSystemStore(SSL_CTX* context) {
+struct LazyFile {
+  std::string path;
+  std::optional<std::vector<std::string>> certificates;
+};
+
+// Adds the file's certificates of that name to the store and hands out the first.
+int findInFile(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, const X509_NAME* name, X509_OBJECT* found) {
+  auto* file = static_cast<LazyFile*>(X509_LOOKUP_get_method_data(lookup));
+  const unsigned char* bytes = nullptr;
+  std::size_t size = 0;
+  if (type != X509_LU_X509 || X509_NAME_get0_der(name, &bytes, &size) != 1) return 0;
+  const std::string_view subject(reinterpret_cast<const char*>(bytes), size);
+  if (!file->certificates) {
+    file->certificates = CertificateFile::certificatesIn(Files::read(file->path).value_or(""));
+  }
+  X509_STORE* store = X509_LOOKUP_get_store(lookup);
+  for (const auto& certificate : *file->certificates) {
+    if (CertificateFile::subjectOf(certificate) != subject) continue;
+    const auto* der = reinterpret_cast<const unsigned char*>(certificate.data());
+    X509* decoded = d2i_X509(nullptr, &der, static_cast<long>(certificate.size()));
+    if (decoded) X509_STORE_add_cert(store, decoded);
+    X509_free(decoded);
+  }
+  const X509_OBJECT* match = X509_OBJECT_retrieve_by_subject(X509_STORE_get0_objects(store), type, name);
+  if (!match || X509_OBJECT_set1_X509(found, X509_OBJECT_get0_X509(match)) != 1) return 0;
+  X509_free(X509_OBJECT_get0_X509(found));  // the caller expects to be lent the store's own reference
+  return 1;
+}
+
+X509_LOOKUP_METHOD* fileMethod() {
+  static X509_LOOKUP_METHOD* const method = [] {
+    X509_LOOKUP_METHOD* made = X509_LOOKUP_meth_new("certificates of a file, on demand");
+    X509_LOOKUP_meth_set_get_by_subject(made, findInFile);
+    X509_LOOKUP_meth_set_free(made, [](X509_LOOKUP* lookup) {
+      delete static_cast<LazyFile*>(X509_LOOKUP_get_method_data(lookup));
+    });
+    return made;
+  }();
+  return method;
+}
+
+void trustFile(SSL_CTX* context, const char* path, Trust trust) {
+  if (trust == Trust::whole) {
+    SSL_CTX_load_verify_file(context, path);
+    return;
+  }
+  X509_LOOKUP* lookup = X509_STORE_add_lookup(SSL_CTX_get_cert_store(context), fileMethod());
+  if (lookup) X509_LOOKUP_set_method_data(lookup, new LazyFile{path, std::nullopt});
+}
+
+// What cannot be read is not trusted: verification tells. A file comes before a directory, as in OpenSSL's
+// own defaults.
+void trustSystemStore(SSL_CTX* context, Trust trust) {
   const char* file = ::getenv(X509_get_default_cert_file_env());
   const char* directory = ::getenv(X509_get_default_cert_dir_env());
   if (!file || !directory) {
@@ -59,21 +115,21 @@ void trustSystemStore(SSL_CTX* context) {
     if (!directory) directory = hashed;
     if (!file && !hashed) file = systemBundle();
   }
-  // What cannot be read is not trusted: verification tells.
-  if (file) SSL_CTX_load_verify_file(context, file);
+  if (file) trustFile(context, file, trust);
   if (directory) SSL_CTX_load_verify_dir(context, directory);
 }
 
 }  // namespace
 
-ssl_ctx_st* newClientContext() {
+ssl_ctx_st* newClientContext(Trust trust) {
   // The system's OpenSSL configuration is for other programs' needs (engines, providers) and may be broken.
-  OPENSSL_init_ssl(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr);
+  // Nor is there anything to clean up at exit, when a name server may still be asked on another thread.
+  OPENSSL_init_ssl(OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_ATEXIT, nullptr);
   SSL_CTX* context = SSL_CTX_new(TLS_client_method());
   if (!context) return nullptr;
   SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
   SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
-  trustSystemStore(context);
+  trustSystemStore(context, trust);
   return context;
 }
 

@@ -1,13 +1,20 @@
-// What TLS connections of this process trust.
+// What TLS connections of this process trust: the system's certificates, in whose place SSL_CERT_FILE and
+// SSL_CERT_DIR may name another file and another directory.
 #pragma once
 
 struct ssl_ctx_st;
 
 namespace Tls {
 
-// A new context for clients, owned by the caller: TLS 1.2 or newer, the server's certificate verified against
-// the system's store, in whose place SSL_CERT_FILE and SSL_CERT_DIR may name another file and another
-// directory. Null when OpenSSL cannot make one.
-ssl_ctx_st* newClientContext();
+enum class Trust {
+  onDemand,  // certificates are looked up when a server's chain asks for them, and decoded only then
+  whole,     // a certificate file is loaded with all it holds, which takes some 30 ms for a system's bundle
+};
+
+// A new context for clients, owned by the caller: TLS 1.2 or newer, the server's certificate verified. Null
+// when OpenSSL cannot make one. `onDemand` finds an issuer by the bytes of its name, so that it misses one
+// whose name is written in another encoding than in the certificate that it issued: what it does not verify,
+// `whole` may.
+ssl_ctx_st* newClientContext(Trust trust);
 
 }  // namespace Tls

@@ -49,6 +49,32 @@ TEST_F(HttpTlsTest, TrustsAnAuthorityOfTheCertificateDirectory) {
   EXPECT_EQ(get(server.url()).error, std::nullopt);
 }
 
+TEST_F(HttpTlsTest, FindsTheRightAuthorityOfAWholeBundle) {
+  const auto namesake = makeAuthority();
+  trustByFile(
+      {"# a comment\n" + makeAuthority("Other").pem + namesake.pem + authority.pem + "-----BEGIN CERT", ""});
+  FakeControlPlane server({.certificate = forLocal});
+  EXPECT_EQ(get(server.url()).error, std::nullopt);
+  EXPECT_EQ(server.connections(), 1);
+  FakeControlPlane other({.certificate = makeServerCertificate(namesake, {"127.0.0.1"})});
+  EXPECT_EQ(get(other.url()).error, std::nullopt);
+}
+
+TEST_F(HttpTlsTest, FindsAnAuthorityWhoseNameIsWrittenInAnotherEncoding) {
+  trustByFile({makeAuthority("Other").pem + authority.pem, ""});
+  FakeControlPlane server(
+      {.certificate = makeServerCertificate(authority, {"127.0.0.1"}, IssuerName::inAnotherEncoding)});
+  EXPECT_EQ(get(server.url()).error, std::nullopt);
+  EXPECT_EQ(server.requests().size(), 1u);
+}
+
+TEST_F(HttpTlsTest, TrustsAServersOwnCertificate) {
+  const auto own = makeAuthority("localhost");
+  trustByFile(own);
+  FakeControlPlane server({.certificate = own});
+  EXPECT_EQ(get(server.url("localhost")).error, std::nullopt);
+}
+
 TEST_F(HttpTlsTest, OneSecuredConnectionServesAllRequests) {
   trustByFile(authority);
   FakeControlPlane server({.certificate = forLocal});
@@ -77,7 +103,7 @@ TEST_F(HttpTlsTest, SendsNothingToAServerThatItCannotVerify) {
   const Certificate stranger = makeAuthority("Test Authority");
   const DistrustRow rows[] = {
       {"another authority of the same name", makeServerCertificate(stranger, {"127.0.0.1"}), "127.0.0.1",
-       "certificate signature failure"},
+       "unable to get local issuer certificate"},
       {"a certificate that vouches for itself", stranger, "127.0.0.1", "self-signed"},
       {"an unknown authority", makeServerCertificate(makeAuthority("Unknown"), {"127.0.0.1"}), "127.0.0.1",
        "unable to get local issuer certificate"},

@@ -64,8 +64,17 @@ bool isAddress(const std::string& name) {
   return inet_pton(AF_INET, name.c_str(), bytes) == 1 || inet_pton(AF_INET6, name.c_str(), bytes) == 1;
 }
 
+void reencode(X509_NAME* name) {
+  ASN1_STRING* text = X509_NAME_ENTRY_get_data(X509_NAME_get_entry(name, 0));
+  const std::string copy(reinterpret_cast<const char*>(ASN1_STRING_get0_data(text)),
+                         static_cast<std::size_t>(ASN1_STRING_length(text)));
+  X509_NAME_ENTRY_free(X509_NAME_delete_entry(name, 0));
+  X509_NAME_add_entry_by_txt(name, "CN", V_ASN1_PRINTABLESTRING,
+                             reinterpret_cast<const unsigned char*>(copy.c_str()), -1, -1, 0);
+}
+
 Certificate make(const std::string& commonName, const std::vector<std::string>& names,
-                 const Certificate* authority) {
+                 const Certificate* authority, IssuerName issuerName) {
   OwnedKey key(EVP_EC_gen("P-256"));
   OwnedX509 certificate(X509_new());
   X509_set_version(certificate.get(), X509_VERSION_3);
@@ -81,7 +90,10 @@ Certificate make(const std::string& commonName, const std::vector<std::string>& 
   OwnedKey issuerKey = authority ? readKey(*authority) : nullptr;
   X509* signedBy = issuer ? issuer.get() : certificate.get();
   X509_set_issuer_name(certificate.get(), X509_get_subject_name(signedBy));
+  if (issuerName == IssuerName::inAnotherEncoding) reencode(X509_get_issuer_name(certificate.get()));
   extend(certificate.get(), signedBy, NID_basic_constraints, authority ? "CA:FALSE" : "critical,CA:TRUE");
+  extend(certificate.get(), signedBy, NID_subject_key_identifier, "hash");
+  if (authority) extend(certificate.get(), signedBy, NID_authority_key_identifier, "keyid:always");
   std::string alternatives;
   for (const auto& name : names) {
     alternatives += (alternatives.empty() ? "" : ",") + std::string(isAddress(name) ? "IP:" : "DNS:") + name;
@@ -99,11 +111,20 @@ Certificate make(const std::string& commonName, const std::vector<std::string>& 
 }  // namespace
 
 Certificate makeAuthority(const std::string& commonName) {
-  return make(commonName, {}, nullptr);
+  return make(commonName, {}, nullptr, IssuerName::asItsSubject);
 }
 
-Certificate makeServerCertificate(const Certificate& authority, const std::vector<std::string>& names) {
-  return make("Test Server", names, &authority);
+Certificate makeServerCertificate(const Certificate& authority, const std::vector<std::string>& names,
+                                  IssuerName issuerName) {
+  return make("Test Server", names, &authority, issuerName);
+}
+
+std::string subjectInDer(const Certificate& certificate) {
+  const auto decoded = readCertificate(certificate);
+  const unsigned char* bytes = nullptr;
+  std::size_t size = 0;
+  X509_NAME_get0_der(X509_get_subject_name(decoded.get()), &bytes, &size);
+  return {reinterpret_cast<const char*>(bytes), size};
 }
 
 std::string hashedName(const Certificate& certificate) {
