@@ -50,8 +50,12 @@ constexpr auto events = std::to_array<Event>({
     {"ElicitationResult"},
 });
 
+// Longer than the hook ever takes: an agent that gives up on it lets pass what it was about to deny.
+constexpr int timeoutSeconds = 900;
+
 Json group(const Event& event, const std::string& command) {
-  Json::Object group{{"hooks", Json::Array{Json::Object{{"type", "command"}, {"command", command}}}}};
+  Json::Object group{{"hooks", Json::Array{Json::Object{
+                                   {"type", "command"}, {"command", command}, {"timeout", timeoutSeconds}}}}};
   if (event.concernsTools) group.set("matcher", "*");
   return group;
 }

@@ -45,6 +45,16 @@ std::int64_t elapsedSince(std::chrono::steady_clock::time_point start) {
       .count();
 }
 
+// Sends a list that is not empty, moved all the way, for a list can hold a whole prompt.
+std::optional<Json::Object> recordList(const ObserveClient& client, const std::string& path,
+                                       const char* member, const char* singular, Json::Array list) {
+  if (list.empty()) return std::nullopt;
+  const std::string summary = counted(list.size(), singular);
+  Json::Object body{{"hardware_uuid", HardwareID::uuid()}};
+  body.set(member, std::move(list));
+  return client.post(path, std::move(body), summary);
+}
+
 }  // namespace
 
 std::optional<ObserveClient::StartRunResult> ObserveClient::startRun(
@@ -84,18 +94,12 @@ std::optional<ObserveClient::PolicyCheckResult> ObserveClient::checkPolicy(
                            answer->object("metadata"), objects(answer->list("evaluations"))};
 }
 
-std::optional<Json::Object> ObserveClient::recordSteps(const std::string& runID,
-                                                       const Json::Array& steps) const {
-  if (steps.empty()) return std::nullopt;
-  return post(runPath(runID, "/steps/"), {{"steps", steps}, {"hardware_uuid", HardwareID::uuid()}},
-              counted(steps.size(), "step"));
+std::optional<Json::Object> ObserveClient::recordSteps(const std::string& runID, Json::Array steps) const {
+  return recordList(*this, runPath(runID, "/steps/"), "steps", "step", std::move(steps));
 }
 
-std::optional<Json::Object> ObserveClient::recordLLMCalls(const std::string& runID,
-                                                          const Json::Array& calls) const {
-  if (calls.empty()) return std::nullopt;
-  return post(runPath(runID, "/llm-calls/"), {{"calls", calls}, {"hardware_uuid", HardwareID::uuid()}},
-              counted(calls.size(), "call"));
+std::optional<Json::Object> ObserveClient::recordLLMCalls(const std::string& runID, Json::Array calls) const {
+  return recordList(*this, runPath(runID, "/llm-calls/"), "calls", "call", std::move(calls));
 }
 
 std::optional<ObserveClient::CompleteRunResult> ObserveClient::completeRun(const std::string& runID,
@@ -112,13 +116,13 @@ std::optional<ObserveClient::CompleteRunResult> ObserveClient::completeRun(const
                            governance.text("retry_feedback"), governance.integer("max_retries")};
 }
 
-std::optional<Json::Object> ObserveClient::post(const std::string& path, const Json::Object& body,
+std::optional<Json::Object> ObserveClient::post(const std::string& path, Json::Object body,
                                                 const std::string& summary) const {
   if (!config.isConfigured()) return std::nullopt;
   const Http::Request request{"POST",
                               withoutSlashes(config.apiUrl) + path,
                               {{"X-Quib-Key", config.apiKey}, {"Content-Type", "application/json"}},
-                              Json(body).compact()};
+                              Json(std::move(body)).compact()};
   if (!Url::isUrl(request.url)) return std::nullopt;
 
   auto pause = retryBaseDelay;

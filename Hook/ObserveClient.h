@@ -55,14 +55,14 @@ struct ObserveClient {
                                                const std::string& userID = "",
                                                const std::string& userGroup = "") const;
   // The raw answer. An empty list sends nothing and gives absent.
-  std::optional<Json::Object> recordSteps(const std::string& runID, const Json::Array& steps) const;
-  std::optional<Json::Object> recordLLMCalls(const std::string& runID, const Json::Array& calls) const;
+  std::optional<Json::Object> recordSteps(const std::string& runID, Json::Array steps) const;
+  std::optional<Json::Object> recordLLMCalls(const std::string& runID, Json::Array calls) const;
   std::optional<CompleteRunResult> completeRun(const std::string& runID, const Json::Object& result,
                                                const std::string& status, const std::string& error,
                                                const Json::Array& steps) const;
 
   // Sends `body` to `path` (which begins with "/") under the base URL. Present, possibly empty, for every 2xx
   // answer. `summary` goes to the activity log. Attempts that fail without a 4xx are repeated after a pause.
-  std::optional<Json::Object> post(const std::string& path, const Json::Object& body,
+  std::optional<Json::Object> post(const std::string& path, Json::Object body,
                                    const std::string& summary) const;
 };

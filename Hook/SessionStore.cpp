@@ -5,6 +5,7 @@
 
 #include "Platform/Clock.h"
 #include "Platform/Files.h"
+#include "Platform/Log.h"
 #include "Platform/Process.h"
 #include "Platform/Text.h"
 
@@ -49,11 +50,16 @@ std::optional<SessionState> load(const std::string& sessionID) {
 }
 
 std::error_code save(const SessionState& state) {
-  if (std::error_code error = Files::makeDirectories(scopedStateDir())) return error;
   std::string target = stateFile(state.session_id);
   std::string next = target + ".tmp";
-  if (std::error_code error = Files::write(next, Json(state.toJSON()).compact())) return error;
-  return Files::move(next, target);
+  std::error_code error = Files::makeDirectories(scopedStateDir());
+  if (!error) error = Files::write(next, Json(state.toJSON()).compact());
+  if (!error) error = Files::move(next, target);
+  // Another process of the session may have moved the file into place first; its record or ours is there
+  // then.
+  if (error && error != std::errc::no_such_file_or_directory)
+    Log::error("hook.router", "session record not saved: " + target + ": " + error.message());
+  return error;
 }
 
 void remove(const std::string& sessionID) {
@@ -65,12 +71,12 @@ int cleanupStale() {
   std::string directory = scopedStateDir();
   auto cutoff = Clock::now() - staleAfter;
   for (const std::string& name : Files::list(directory)) {
-    if (!isStateFile(name)) continue;
+    if (!isStateFile(name) && !name.starts_with(Files::temporaryPrefix)) continue;
     std::string path = directory + "/" + name;
     auto modified = Files::modified(path);
     if (!modified || *modified >= cutoff) continue;
     Files::remove(path);
-    ++count;
+    count += isStateFile(name);
   }
   return count;
 }

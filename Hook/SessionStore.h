@@ -23,14 +23,15 @@ std::string scopedStateDir();
 // The session's record; absent when there is none that reads.
 std::optional<SessionState> load(const std::string& sessionID);
 
-// Replaces the session's file, creating the directory first. Returns what prevented it, if anything did; the
-// old file is then untouched.
+// Replaces the session's file, creating the directory first. Returns, and logs, what prevented it, if
+// anything did; the old file is then untouched.
 std::error_code save(const SessionState& state);
 
 // Removes the session's file, if there is one. The empty identifier removes nothing.
 void remove(const std::string& sessionID);
 
-// Removes the state files that were not modified for 24 hours. Returns how many it found.
+// Removes the state files that were not modified for 24 hours, and with them what killed saves left. Returns
+// how many state files it found.
 int cleanupStale();
 
 // A started session other than `excludeSessionID` whose working directory is `cwd` to the letter; of several

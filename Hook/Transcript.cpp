@@ -109,12 +109,6 @@ std::optional<LlmCallData> callFrom(const Json::Object& line, const std::string&
   return call;
 }
 
-std::int64_t saturatingSum(std::int64_t a, std::int64_t b) {
-  std::int64_t sum = 0;
-  if (!__builtin_add_overflow(a, b, &sum)) return sum;
-  return a < 0 ? std::numeric_limits<std::int64_t>::min() : std::numeric_limits<std::int64_t>::max();
-}
-
 void addTotals(TranscriptSummary& summary) {
   std::set<std::string> models;
   for (const LlmCallData& call : summary.calls) {
@@ -146,6 +140,12 @@ struct Walk {
 };
 
 }  // namespace
+
+std::int64_t saturatingSum(std::int64_t a, std::int64_t b) {
+  std::int64_t sum = 0;
+  if (!__builtin_add_overflow(a, b, &sum)) return sum;
+  return a < 0 ? std::numeric_limits<std::int64_t>::min() : std::numeric_limits<std::int64_t>::max();
+}
 
 TranscriptSummary parse(const std::string& path, std::int64_t startOffset) {
   if (!Files::exists(path)) {

@@ -79,4 +79,7 @@ inline constexpr std::array<ModelCost, 7> modelCosts{{
 // US dollars, neither rounded nor clamped. A model without a row of exactly its name has the default price.
 double estimateCost(std::string_view model, std::int64_t tokensIn, std::int64_t tokensOut);
 
+// `a` + `b`, held at the ends of the 64-bit range.
+std::int64_t saturatingSum(std::int64_t a, std::int64_t b);
+
 }  // namespace Transcript

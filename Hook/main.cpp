@@ -91,11 +91,10 @@ AgentAnswer fallOpen() {
 // path, argument 0 leads to no file; then the system's word counts.
 std::string binaryPath(const std::string& argument) {
   std::string resolved = Paths::resolveLinks(argument);
-  return Files::exists(resolved) ? resolved : Process::executable();
+  return Files::mode(resolved) ? resolved : Process::executable();
 }
 
-AgentAnswer install(Installer installer, const std::string& argument) {
-  bool installed = installer(binaryPath(argument));
+AgentAnswer installation(bool installed) {
   return {Json(Json::Object{{"installed", installed}}).compact(), installed ? 0 : 1};
 }
 
@@ -130,14 +129,10 @@ AgentAnswer run(const std::vector<std::string>& argv) {
   if (argv.size() == 2 && argv[1] == "--help") return {std::string(usage), 0};
   if (argv.size() == 2 && argv[1] == "--version") return {"quib-hook " QUIB_VERSION "\n", 0};
   Options options = scan(argv);
-  return options.install ? install(options.install, argv.empty() ? "" : argv[0]) : handleInput(options);
-}
-
-AgentAnswer runGuarded(int count, char** arguments) {
   try {
-    return run({arguments, arguments + count});
+    return options.install ? installation(options.install(binaryPath(argv[0]))) : handleInput(options);
   } catch (...) {
-    return fallOpen();
+    return options.install ? installation(false) : fallOpen();
   }
 }
 
@@ -145,7 +140,7 @@ AgentAnswer runGuarded(int count, char** arguments) {
 
 int main(int argc, char** argv) {
   Process::prepare();
-  AgentAnswer answer = runGuarded(argc, argv);
+  AgentAnswer answer = run({argv, argv + argc});
   Process::writeOutput(answer.body.value_or(""));
   Process::exit(answer.status);
 }

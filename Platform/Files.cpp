@@ -76,9 +76,9 @@ bool isTorn(const Descriptor& file) {
   return false;
 }
 
-// A new file beside `path`, with the name that `pattern` is set to.
+// A new file beside `path`; its own path is put into `name`.
 Descriptor createBeside(const std::string& path, std::string& name) {
-  name = path.substr(0, path.rfind('/') + 1) + ".quib-XXXXXX";
+  name = path.substr(0, path.rfind('/') + 1).append(temporaryPrefix).append("XXXXXX");
 #ifdef __APPLE__
   int descriptor = ::mkstemp(name.data());
   if (descriptor >= 0) ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
@@ -174,9 +174,11 @@ std::optional<std::chrono::system_clock::time_point> modified(const std::string&
 #else
   const timespec& time = attributes.st_mtim;
 #endif
-  auto sinceEpoch = std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
-  return std::chrono::system_clock::time_point(
-      std::chrono::duration_cast<std::chrono::system_clock::duration>(sinceEpoch));
+  // The clock ends in the year 2262, a file system's dates do not.
+  using Time = std::chrono::system_clock::time_point;
+  auto last = std::chrono::floor<std::chrono::seconds>(Time::max().time_since_epoch()).count();
+  std::chrono::seconds seconds(std::clamp<std::int64_t>(time.tv_sec, -last, last - 1));
+  return Time(seconds) + std::chrono::duration_cast<Time::duration>(std::chrono::nanoseconds(time.tv_nsec));
 }
 
 std::optional<unsigned> mode(const std::string& path) {

@@ -30,6 +30,9 @@ bool exists(const std::string& path);  // of any kind, links followed
 // Size in bytes, links followed; absent when the file's attributes cannot be read.
 std::optional<std::int64_t> size(const std::string& path);
 
+// What the names of the temporary files begin with that a kill in the middle of a `write` leaves behind.
+inline constexpr std::string_view temporaryPrefix = ".quib-";
+
 // Replaces the file by one with this content, through a temporary file of its own beside it and a rename: a
 // kill at any instant leaves the old content or the new. A link is replaced, not its target. The new file has
 // `mode`. Returns the error that prevented it, if any; the old file is then untouched.

@@ -114,7 +114,6 @@ bool isSpace(char c) {
 struct NumberForm {
   bool valid = false;
   bool integral = true;
-  bool negativeExponent = false;
 };
 
 // How a token is written, by the grammar of RFC 8259.
@@ -139,7 +138,7 @@ NumberForm numberForm(std::string_view token) {
   if (at != end && (*at == 'e' || *at == 'E')) {
     form.integral = false;
     ++at;
-    if (at != end && (*at == '+' || *at == '-')) form.negativeExponent = *at++ == '-';
+    if (at != end && (*at == '+' || *at == '-')) ++at;
     if (digits() == 0) return form;
   }
   form.valid = at == end;
@@ -154,10 +153,8 @@ std::optional<Json> number(std::string_view token) {
   if (form.integral && std::from_chars(first, end, integer).ec == std::errc()) return Json(integer);
   double value = 0;
   if (std::from_chars(first, end, value).ec == std::errc::result_out_of_range) {
-    bool negative = *first == '-';
-    // A small mantissa with a huge exponent overflows, "0.000…1" underflows without one.
-    bool underflow = form.negativeExponent || (!form.integral && first[negative] == '0');
-    value = std::copysign(underflow ? 0.0 : std::numeric_limits<double>::max(), negative ? -1.0 : 1.0);
+    constexpr double most = std::numeric_limits<double>::max();
+    value = std::clamp(std::strtod(std::string(token).c_str(), nullptr), -most, most);
   }
   return Json(value);
 }

@@ -59,12 +59,12 @@ std::string readToEnd(int descriptor) {
 void writeAll(int descriptor, std::string_view bytes) {
   while (!bytes.empty()) {
     ssize_t count = ::write(descriptor, bytes.data(), bytes.size());
-    if (count >= 0) {
+    if (count > 0) {
       bytes.remove_prefix(static_cast<std::size_t>(count));
-    } else if (errno == EAGAIN) {
+    } else if (count < 0 && errno == EAGAIN) {
       pollfd waiting{descriptor, POLLOUT, 0};
       ::poll(&waiting, 1, -1);
-    } else if (errno != EINTR) {
+    } else if (count == 0 || errno != EINTR) {
       return;
     }
   }

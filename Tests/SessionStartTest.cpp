@@ -113,6 +113,14 @@ TEST_F(SessionStart, SessionsInOneDirectoryAreOneGroupWithRunsOfTheirOwn) {
   EXPECT_FALSE(stored("d").is_cowork);
 }
 
+TEST_F(SessionStart, APeerIsMarkedEvenWithoutAConfiguration) {
+  handleSessionStart(startEvent("a", "/w"), own());
+  handleSessionStart(startEvent("b", "/w"), unconfigured());
+  EXPECT_TRUE(stored("a").is_cowork);
+  EXPECT_EQ(stored("a").cowork_session_id, "a");
+  EXPECT_FALSE(SessionStore::load("b"));
+}
+
 TEST_F(SessionStart, AnUnknownSessionStartsAtAnyEvent) {
   Json::Object any = event("Notification", {{"cwd", "/w"}});
   EXPECT_FALSE(loadStateFresh("s", nullptr, own()));
@@ -223,6 +231,8 @@ TEST(Summaries, SayInOneLineWhatAToolWasAsked) {
       {"bash", {{"command", "ls"}}, "command=ls"},
       {"MCP:x", {{"b", 1}, {"a", accents}}, "a=" + accents.substr(0, 100)},
       {"Other", {{"n", 12}}, "n=12"},
+      {"Other", {{"n", 100000.0}}, "n=100000"},
+      {"Other", {{"n", 0.0000001}}, "n=0.0000001"},
       {"Other", {{"f", true}}, "f=true"},
   };
   for (const Row& row : rows)

@@ -1,6 +1,8 @@
 #include "Hook/SessionStore.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <filesystem>
@@ -114,6 +116,8 @@ TEST(SessionStore, ReportsWhatPreventedASave) {
   Sandbox sandbox;
   sandbox.write(sandbox.state(), "a file");
   EXPECT_TRUE(SessionStore::save(state("s")));
+  EXPECT_NE(jsonLines(sandbox.diagnostics()).at(0).text("message").find("session record not saved: "),
+            std::string::npos);
   fs::remove(sandbox.state());
   fs::create_directories(sandbox.stateFile("s"));
   EXPECT_TRUE(SessionStore::save(state("s")));
@@ -123,19 +127,23 @@ TEST(SessionStore, ReportsWhatPreventedASave) {
 TEST(SessionStore, CleansUpWhatWasNotTouchedForADay) {
   Sandbox sandbox;
   EXPECT_EQ(SessionStore::cleanupStale(), 0);
-  for (const char* name : {"old.json", "young.json", "old.jsonl", "old.json.tmp", "old.JSON", ".json"}) {
+  for (const char* name : {"old.json", "young.json", "old.jsonl", "old.json.tmp", "old.JSON", ".json",
+                           ".quib-old", ".quib-young"}) {
     std::string path = sandbox.state() + "/" + name;
     sandbox.write(path, "anything");
-    age(path, std::chrono::hours(name[0] == 'y' ? 23 : 25));
+    age(path, std::chrono::hours(std::string(name).find("young") != std::string::npos ? 23 : 25));
   }
+  sandbox.write(sandbox.state() + "/future.json", "");
+  timespec future[2] = {{10'413'792'000, 0}, {10'413'792'000, 0}};  // the year 2300
+  ASSERT_EQ(::utimensat(AT_FDCWD, (sandbox.state() + "/future.json").c_str(), future, 0), 0);
   sandbox.write(sandbox.state() + "/proj-x/old.json", "");
   age(sandbox.state() + "/proj-x/old.json", std::chrono::hours(25));
   fs::create_directories(sandbox.state() + "/held.json/inside");
   age(sandbox.state() + "/held.json", std::chrono::hours(25));
   EXPECT_EQ(SessionStore::cleanupStale(), 2) << "one that cannot be removed counts";
   EXPECT_EQ(Files::list(sandbox.state()),
-            (std::vector<std::string>{".json", "held.json", "old.JSON", "old.json.tmp", "old.jsonl", "proj-x",
-                                      "young.json"}));
+            (std::vector<std::string>{".json", ".quib-young", "future.json", "held.json", "old.JSON",
+                                      "old.json.tmp", "old.jsonl", "proj-x", "young.json"}));
 }
 
 TEST(SessionStore, FindsThePeerInTheDirectory) {

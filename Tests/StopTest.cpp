@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include "Hook/Handlers/Generic.h"
 #include "Hook/LLMCallDedupe.h"
 #include "Hook/SessionStore.h"
@@ -191,6 +193,17 @@ TEST_F(Stop, TheEndOfASessionIsAStopOfARecordedOne) {
   handleSessionEnd(event("SessionEnd"), own());
   EXPECT_EQ(sent().size(), 2u);
   EXPECT_FALSE(Files::exists(sandbox.stateFile("s")));
+}
+
+TEST_F(Stop, CountsToTheEndOfItsRangeAndNoFurther) {
+  SessionState state = started();
+  state.span_count = std::numeric_limits<std::int64_t>::max();
+  save(state);
+  sandbox.write(transcript(), R"({"type":"tool_use"})"
+                              "\n"
+                              R"({"type":"tool"})");
+  stop(own());
+  EXPECT_NE(sent().at(0).find(R"("tool_uses":9223372036854775807)"), std::string::npos);
 }
 
 TEST_F(Stop, WithoutAConfigurationTheSessionIsForgotten) {

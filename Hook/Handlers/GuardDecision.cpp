@@ -1,5 +1,6 @@
 #include "Hook/Handlers/GuardDecision.h"
 
+#include "Hook/Handlers/Steps.h"
 #include "Hook/SessionStore.h"
 #include "Platform/Clock.h"
 
@@ -15,7 +16,7 @@ void emitGuardDecision(SessionState& state, const std::string& toolName, const G
   Json::Object step{{"step_name", "hook:guard_decision:" + decision.action},
                     {"position", state.span_count},
                     {"output", std::move(output)}};
-  client.recordSteps(state.run_id, {std::move(step)});
+  recordStep(state, std::move(step), client);
   state.advancePosition();
   SessionStore::save(state);
 }

@@ -1,4 +1,5 @@
-// Every decision against a tool call or a compaction is reported as a step of the session's run.
+// What a rule or a policy decided against a tool call or a compaction, or found in a turn's cost, is reported
+// as a step of the session's run.
 #pragma once
 
 #include <string>

@@ -54,7 +54,7 @@ Outcome handlePostToolUse(const Json::Object& data, const ObserveClient& client)
                                             {"source", "hook"},
                                             {"session_id", data.text("session_id")},
                                             {"timestamp", now}}}};
-  client.recordSteps(state->run_id, {std::move(step)});
+  recordStep(*state, std::move(step), client);
   noteModifiedFile(*state, toolName, toolInput);
   state->advancePosition();
   SessionStore::save(*state);

@@ -9,7 +9,7 @@
 namespace EventRouter {
 
 // Deny when the guard or the control plane blocks, or when the control plane cannot be asked and the profile
-// says "deny" then; ask when anything warns; else allow. Reports every decision against the call.
+// says "deny" then; ask when anything warns; else allow. Reports every decision of a rule or a policy.
 Outcome handlePreToolUse(const Json::Object& data, const ObserveClient& client);
 
 }  // namespace EventRouter

@@ -1,6 +1,8 @@
 #include "Hook/Handlers/Steps.h"
 
 #include <algorithm>
+#include <array>
+#include <charconv>
 
 #include "Hook/Handlers/DailyRun.h"
 #include "Hook/SessionStore.h"
@@ -47,30 +49,58 @@ std::string summarizeTask(const Json::Object& input) {
   return (type.empty() ? "" : "[" + type + "] ") + input.text("description");
 }
 
+// Strings as they are, numbers in decimal form, everything else as JSON.
+std::string textForm(const Json& value) {
+  if (const std::string* text = value.asText()) return *text;
+  if (auto integer = value.asInteger()) return std::to_string(*integer);
+  auto number = value.asNumber();
+  if (!number) return value.compact();
+  std::array<char, 400> digits;  // enough for the largest double
+  auto end =
+      std::to_chars(digits.data(), digits.data() + digits.size(), *number, std::chars_format::fixed).ptr;
+  return std::string(digits.data(), end);
+}
+
+Json truncated(const Json& value, std::size_t maxChars) {
+  if (const std::string* text = value.asText()) return cut(*text, maxChars);
+  if (const Json::Object* object = value.asObject()) return truncateJSON(*object, maxChars);
+  const Json::Array* list = value.asList();
+  if (!list) return value;
+  Json::Array elements;
+  for (std::size_t at = 0; at < std::min(list->size(), maxElements); ++at)
+    elements.push_back(truncated((*list)[at], maxChars));
+  return elements;
+}
+
 std::string summarizeOther(const Json::Object& input) {
   const auto& [name, value] = *input.begin();
-  const std::string* text = value.asText();
-  return name + "=" + cut(text ? *text : value.compact(), maxOtherValue);
+  return name + "=" + cut(textForm(value), maxOtherValue);
 }
 
 }  // namespace
 
-void emitStep(SessionState& state, const std::string& kind, const Json::Object& payload,
+void emitStep(SessionState& state, const std::string& kind, Json::Object payload,
               const ObserveClient& client) {
   if (state.run_id.empty() || !client.config.isConfigured()) return;
   refreshDailyRunIfStale(state, client);
-  Json::Object output{{"kind", kind},
-                      {"source", "hook"},
-                      {"session_id", state.session_id},
-                      {"timestamp", Clock::dateTime()},
-                      {"hardware_uuid", HardwareID::uuid()}};
-  for (const auto& [key, value] : payload)
-    output.set(key, value);
-  Json::Object step{
-      {"step_name", "hook:" + kind}, {"position", state.span_count}, {"output", std::move(output)}};
-  client.recordSteps(state.run_id, {std::move(step)});
+  const Json::Object base{{"kind", kind},
+                          {"source", "hook"},
+                          {"session_id", state.session_id},
+                          {"timestamp", Clock::dateTime()},
+                          {"hardware_uuid", HardwareID::uuid()}};
+  for (const auto& [key, value] : base)
+    if (!payload.find(key)) payload.set(key, value);
+  Json::Object step{{"step_name", "hook:" + kind}, {"position", state.span_count}};
+  step.set("output", std::move(payload));
+  recordStep(state, std::move(step), client);
   state.advancePosition();
   SessionStore::save(state);
+}
+
+void recordStep(const SessionState& state, Json::Object step, const ObserveClient& client) {
+  Json::Array steps;
+  steps.emplace_back(std::move(step));
+  client.recordSteps(state.run_id, std::move(steps));
 }
 
 void emitSpan(const SessionState& state, const Json::Object& span, const ObserveClient& client) {
@@ -93,21 +123,11 @@ std::string summarizeToolOutput(const Json::Object& response) {
   return path.empty() ? "" : "file:" + path;
 }
 
-Json truncateJSON(const Json& value, std::size_t maxChars) {
-  if (const std::string* text = value.asText()) return cut(*text, maxChars);
-  if (const Json::Object* object = value.asObject()) {
-    std::vector<Json::Member> members;
-    for (const auto& [key, member] : *object)
-      members.push_back({key, truncateJSON(member, maxChars)});
-    return Json::Object(std::move(members));
-  }
-  if (const Json::Array* list = value.asList()) {
-    Json::Array elements;
-    for (std::size_t at = 0; at < std::min(list->size(), maxElements); ++at)
-      elements.push_back(truncateJSON((*list)[at], maxChars));
-    return elements;
-  }
-  return value;
+Json::Object truncateJSON(const Json::Object& object, std::size_t maxChars) {
+  std::vector<Json::Member> members;
+  for (const auto& [key, value] : object)
+    members.push_back({key, truncated(value, maxChars)});
+  return Json::Object(std::move(members));
 }
 
 }  // namespace EventRouter

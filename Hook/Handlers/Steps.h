@@ -14,8 +14,11 @@ namespace EventRouter {
 
 // Sends the step "hook:KIND" with `payload` laid over its base members, after moving the session to today's
 // run; then advances the position and saves the state. Does nothing without a run or a configuration.
-void emitStep(SessionState& state, const std::string& kind, const Json::Object& payload,
+void emitStep(SessionState& state, const std::string& kind, Json::Object payload,
               const ObserveClient& client);
+
+// Sends one step of the session's run, as it is.
+void recordStep(const SessionState& state, Json::Object step, const ObserveClient& client);
 
 // Sends one span of the session's run.
 void emitSpan(const SessionState& state, const Json::Object& span, const ObserveClient& client);
@@ -27,7 +30,8 @@ std::string summarizeToolInput(std::string_view toolName, const Json::Object& in
 // One short line that says what a tool answered; empty when there is nothing to say.
 std::string summarizeToolOutput(const Json::Object& response);
 
-// The value with every string in it cut to `maxChars` characters and every array to 50 elements.
-Json truncateJSON(const Json& value, std::size_t maxChars);
+// The object with every string in it cut to `maxChars` characters and every array to 50 elements, at any
+// depth.
+Json::Object truncateJSON(const Json::Object& object, std::size_t maxChars);
 
 }  // namespace EventRouter

@@ -55,10 +55,12 @@ void sendNewCalls(const std::string& runID, const std::vector<LlmCallData>& call
 Json::Object stopPayload(const SessionState& state, const std::optional<TranscriptSummary>& summary) {
   Json::Object payload;
   if (summary)
-    payload = {
-        {"total_tokens_in", summary->totalTokensIn}, {"total_tokens_out", summary->totalTokensOut},
-        {"total_cost", rounded(summary->totalCost)}, {"total_turns", summary->totalTurns},
-        {"models_used", summary->modelsUsed},        {"tool_uses", state.span_count + summary->toolUses}};
+    payload = {{"total_tokens_in", summary->totalTokensIn},
+               {"total_tokens_out", summary->totalTokensOut},
+               {"total_cost", rounded(summary->totalCost)},
+               {"total_turns", summary->totalTurns},
+               {"models_used", summary->modelsUsed},
+               {"tool_uses", Transcript::saturatingSum(state.span_count, summary->toolUses)}};
   if (state.is_cowork) {
     payload.set("is_cowork", true);
     payload.set("cowork_session_id", state.cowork_session_id);
