@@ -102,13 +102,13 @@ std::optional<Verdict> checkInfraFile(const std::string& filePath, const GuardCo
 }
 
 std::optional<Verdict> checkPathBoundary(const std::string& filePath, const std::string& cwd, bool readOnly) {
-  if (filePath.empty() || cwd.empty()) return std::nullopt;
+  if (readOnly || filePath.empty() || cwd.empty()) return std::nullopt;
   const std::string resolved = normalizePath(filePath, cwd);
   const std::string root = Paths::standardize(cwd);
   for (const std::string_view directory : openDirectories) {
     if (resolved.starts_with(directory)) return std::nullopt;
   }
-  if (readOnly || resolved == root || resolved.starts_with(root + "/")) return std::nullopt;
+  if (resolved == root || resolved.starts_with(root + "/")) return std::nullopt;
   return Verdict{Verdict::Action::block,
                  "Write outside project directory blocked: " + filePath + " (cwd: " + cwd + ")",
                  "path_boundary"};

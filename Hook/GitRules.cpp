@@ -62,10 +62,11 @@ std::optional<Verdict> checkGitOperation(const std::string& command, const Guard
   if (matches(BuiltIn::gitBranchDelete)) {
     return objection(warn, "Force-deleting a branch: " + shortened(command));
   }
-  for (const std::string& branch : config.git_protected_branches) {
-    if (Text::contains(command, branch) && matches(BuiltIn::gitRebase)) {
-      return objection(warn, "Rebasing on protected branch '" + branch + "' — confirm?");
-    }
+  const auto named = std::ranges::find_if(config.git_protected_branches, [&](const std::string& branch) {
+    return budget.spent() || Text::contains(command, branch);
+  });
+  if (named != config.git_protected_branches.end() && matches(BuiltIn::gitRebase)) {
+    return objection(warn, "Rebasing on protected branch '" + *named + "' — confirm?");
   }
   return std::nullopt;
 }

@@ -58,6 +58,8 @@ std::optional<bool> TimeBudget::ask(const Question& question) {
   const auto until = end();
   int ends[2];
   if (::pipe(ends) != 0) return question();
+  // Where the agent has us ignore its end, a dead child's number is free for another process to be killed by.
+  ::signal(SIGCHLD, SIG_DFL);
   const pid_t child = ::fork();
   if (child == 0) answerIn(ends[1], question);
   ::close(ends[1]);

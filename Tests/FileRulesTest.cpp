@@ -158,7 +158,7 @@ TEST(FileRules, ObjectsToAPathThatCannotBeComparedInTime) {
   const auto verdict =
       RuleEvaluator::checkFileWrite("/" + std::string(1'000'000, 'a'), config, "/proj", budget);
   EXPECT_TRUE(verdict && verdict->action == Verdict::Action::block);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
 }
 
 TEST(FileRules, WarnsOfInfrastructureByTheDefaultList) {

@@ -195,7 +195,7 @@ TEST(GitRules, WarnsOfAPushWhoseBranchesCannotBeComparedInTime) {
   TimeBudget budget(100ms);
   const auto start = std::chrono::steady_clock::now();
   EXPECT_NE(RuleEvaluator::checkGitOperation(command, config, budget), std::nullopt);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
 }
 
 }  // namespace

@@ -125,7 +125,7 @@ TEST(NetworkRules, BlocksAnAddressThatCannotBeComparedInTime) {
   const auto start = std::chrono::steady_clock::now();
   const std::string url = "https://" + std::string(1'000'000, 'a');
   EXPECT_NE(RuleEvaluator::checkNetworkAccess(url, config, budget), std::nullopt);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
 }
 
 }  // namespace

@@ -103,7 +103,7 @@ TEST(Regex, GivesNoAnswerWhereNoneComesInTime) {
     const auto start = std::chrono::steady_clock::now();
     const RegexSubject subject(row.text);
     EXPECT_EQ(Regex::search(row.pattern, Case::ignored, subject, budget), std::nullopt) << row.sentence;
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 1s) << row.sentence;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s) << row.sentence;
   }
 }
 

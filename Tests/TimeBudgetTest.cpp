@@ -28,7 +28,7 @@ TEST(TimeBudget, EndsAChildThatGivesNoAnswerInTime) {
       ::pause();
   };
   EXPECT_EQ(budget.ask(forever), std::nullopt);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 1s);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
   EXPECT_TRUE(budget.spent());
   EXPECT_TRUE(::waitpid(-1, nullptr, WNOHANG) == -1 && errno == ECHILD) << "no child is left behind";
 }
