@@ -39,7 +39,8 @@ Request requestOf(const http::request<http::string_body>& message, bool fromLoop
   request.method = std::string(message.method_string());
   request.target = std::string(target.substr(0, query));
   request.process = queryItem(target.substr(std::min(query + 1, target.size())), "process");
-  request.key = header(header("X-Quib-Key").empty() ? "X-Quib-Device" : "X-Quib-Key");
+  request.key = header("X-Quib-Key");
+  request.device = header("X-Quib-Device");
   request.tenant = header("X-Quib-Tenant");
   request.host = header("Host");
   request.known = header("If-None-Match");
