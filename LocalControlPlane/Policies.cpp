@@ -76,7 +76,7 @@ bool parseRules(const Json& value, Policies& policies, std::string& problem) {
   for (const Json& entry : *rules) {
     std::optional<PolicyRule> rule = parseRule(entry, problem);
     if (!rule) {
-      problem = "rule " + std::to_string(policies.rules.size() + 1) + " " + problem;
+      problem.insert(0, "rule " + std::to_string(policies.rules.size() + 1) + " ");
       return false;
     }
     policies.rules.push_back(std::move(*rule));
