@@ -141,9 +141,9 @@ std::optional<Reply> ControlPlane::refuse(const Request& request) const {
     if (request.method != "GET") return failure(405, "only GET is answered here");
     return std::nullopt;
   }
-  if (!sameKey(request.key, key_)) return failure(401, "the key is wrong");
-  std::string runID;
   const bool config = request.target == agentConfigPath;
+  if (!sameKey(config ? request.device : request.key, key_)) return failure(401, "the key is wrong");
+  std::string runID;
   if (!config && !find(request.target, runID)) return failure(404, "there is nothing here");
   if (request.method != (config ? "GET" : "POST")) return failure(405, "this method is not answered here");
   return std::nullopt;
@@ -202,7 +202,8 @@ Reply ControlPlane::checkPolicy(const std::string&, const Body& body) {
   const std::string& runID = body.text("agent_id");
   if (workflow.empty()) return failure(400, "\"workflow_name\" is needed");
   refreshPolicies();
-  const Verdict verdict = evaluate(policies_.policies(), workflow, store_.tokens(runID));
+  const std::int64_t tokens = workflow == compactionWorkflow ? store_.tokens(runID) : 0;
+  const Verdict verdict = evaluate(policies_.policies(), workflow, tokens);
   store_.recordDecision(runID, workflow, verdict);
   Json::Object metadata;
   if (policies_.policies().costCap) metadata.set("cost_cap", *policies_.policies().costCap);

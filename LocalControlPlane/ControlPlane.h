@@ -21,7 +21,8 @@ namespace LocalControlPlane {
 struct Request {
   std::string method;
   std::string target;   // the path, without the query
-  std::string key;      // header X-Quib-Key, or X-Quib-Device for the agent-config endpoint
+  std::string key;      // header X-Quib-Key
+  std::string device;   // header X-Quib-Device
   std::string tenant;   // header X-Quib-Tenant
   std::string host;     // header Host
   std::string known;    // header If-None-Match

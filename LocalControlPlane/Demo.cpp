@@ -1,5 +1,6 @@
 // obrisk-demo: one recorded agent session, played through quib-hook against a control plane of its own.
 // Everything happens in a throw-away home directory, which goes when the demo ends.
+#include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/wait.h>
@@ -10,7 +11,6 @@
 #include <cstdio>
 #include <filesystem>
 #include <iostream>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,6 +28,8 @@ using LocalControlPlane::Server;
 
 constexpr const char* sessionID = "5d0c2a4e-7b1f-4c55-9a3e-0f6b8d2e41c7";
 constexpr std::chrono::seconds patience{30};  // with one event
+
+std::atomic<bool> interrupted = false;
 
 // The directory that stands for a user's machine.
 class Home {
@@ -60,18 +62,15 @@ void replaceAll(std::string& text, std::string_view from, std::string_view to) {
   }
 }
 
-// What the hook wrote; absent when it could not be run or took too long.
-std::optional<std::string> runHook(const Home& home, const std::string& key, const std::string& event) {
-  int input[2];
-  int output[2];
-  if (pipe(input) != 0 || pipe(output) != 0) return std::nullopt;
+// Starts the hook as an agent would: the event on its standard input, its answer to `output`. 0 when it
+// cannot be started.
+pid_t startHook(const Home& home, const std::string& key, const std::string& event, int output) {
+  const std::string input = home.path() + "/event.json";
+  Files::write(input, event);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, input[0], STDIN_FILENO);
-  posix_spawn_file_actions_adddup2(&actions, output[1], STDOUT_FILENO);
-  for (const int descriptor : {input[0], input[1], output[0], output[1]}) {
-    posix_spawn_file_actions_addclose(&actions, descriptor);
-  }
+  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, input.c_str(), O_RDONLY, 0);
+  posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
   // With a key in the environment this machine's own enrolment, if it has one, plays no part.
   std::string environment[] = {"HOME=" + home.path(), "OBRISK_API_KEY=" + key,
                                "OBRISK_CC_STATE_DIR=" + home.path() + "/state", "PATH=/usr/bin:/bin"};
@@ -84,28 +83,29 @@ std::optional<std::string> runHook(const Home& home, const std::string& key, con
   pid_t child = 0;
   const int failure = posix_spawn(&child, program.c_str(), &actions, nullptr, arguments, variables.data());
   posix_spawn_file_actions_destroy(&actions);
-  close(input[0]);
-  close(output[1]);
-  const bool written =
-      failure == 0 && write(input[1], event.data(), event.size()) == static_cast<ssize_t>(event.size());
-  close(input[1]);
-  std::optional<std::string> answer;
-  if (written) answer.emplace();
-  pollfd readable{output[0], POLLIN, 0};
-  while (answer) {
+  return failure == 0 ? child : 0;
+}
+
+// What the hook wrote, as far as it came before patience ran out or the demo was interrupted.
+std::string runHook(const Home& home, const std::string& key, const std::string& event) {
+  int ends[2];
+  if (pipe(ends) != 0) return "";
+  const pid_t child = startHook(home, key, event, ends[1]);
+  close(ends[1]);
+  std::string answer;
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  pollfd readable{ends[0], POLLIN, 0};
+  while (child && !interrupted && std::chrono::steady_clock::now() < deadline) {
+    if (poll(&readable, 1, 100) <= 0) continue;
     char bytes[4096];
-    const bool ready = poll(&readable, 1, static_cast<int>(std::chrono::milliseconds(patience).count())) > 0;
-    const ssize_t count = ready ? read(output[0], bytes, sizeof bytes) : -1;
-    if (count == 0) break;
-    if (count > 0) {
-      answer->append(bytes, static_cast<std::size_t>(count));
-    } else {
-      answer.reset();
-      kill(child, SIGKILL);
-    }
+    const ssize_t count = read(ends[0], bytes, sizeof bytes);
+    if (count <= 0) break;
+    answer.append(bytes, static_cast<std::size_t>(count));
   }
-  close(output[0]);
-  if (failure == 0) waitpid(child, nullptr, 0);
+  close(ends[0]);
+  if (!child) return answer;
+  if (interrupted || std::chrono::steady_clock::now() >= deadline) kill(child, SIGKILL);
+  waitpid(child, nullptr, 0);
   return answer;
 }
 
@@ -174,9 +174,10 @@ class Player {
  private:
   bool tell(const Json::Object& event, const std::string& expected) {
     const auto start = std::chrono::steady_clock::now();
-    const std::optional<std::string> answer = runHook(home_, key_, Json(event).compact());
+    const std::string answer = runHook(home_, key_, Json(event).compact());
     const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - start;
-    const Decision decision = decisionOf(answer.value_or(""));
+    if (interrupted) return false;
+    const Decision decision = decisionOf(answer);
     std::string subject = subjectOf(event);
     replaceAll(subject, home_.project() + "/", "");
     char time[32];
@@ -230,7 +231,6 @@ int demonstrate() {
   const std::string session =
       Files::read(QUIB_SOURCE_DIR "/LocalControlPlane/demo/session.jsonl").value_or("");
 
-  std::atomic<bool> interrupted = false;
   std::thread serving([&] { interrupted = server.run(true); });
   Player player(home, controlPlane.key());
   bool good = !session.empty();

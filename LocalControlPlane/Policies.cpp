@@ -76,7 +76,7 @@ bool parseRules(const Json& value, Policies& policies, std::string& problem) {
   for (const Json& entry : *rules) {
     std::optional<PolicyRule> rule = parseRule(entry, problem);
     if (!rule) {
-      problem = "rule " + std::to_string(policies.rules.size() + 1) + " " + problem;
+      problem.insert(0, "rule " + std::to_string(policies.rules.size() + 1) + " ");
       return false;
     }
     policies.rules.push_back(std::move(*rule));
@@ -124,7 +124,7 @@ Verdict evaluate(const Policies& policies, const std::string& workflow, std::int
   const auto rule = std::ranges::find_if(
       policies.rules, [&](const PolicyRule& candidate) { return Paths::glob(candidate.workflow, workflow); });
   if (rule != policies.rules.end()) apply(rule->workflow, rule->action, rule->reason);
-  if (workflow != "claude-code:precompact") return verdict;
+  if (workflow != compactionWorkflow) return verdict;
   const auto over = [tokens](std::optional<std::int64_t> limit) { return limit && tokens > *limit; };
   const bool block = over(policies.blockTokens);
   if (block || over(policies.warnTokens)) {

@@ -39,7 +39,8 @@ Request requestOf(const http::request<http::string_body>& message, bool fromLoop
   request.method = std::string(message.method_string());
   request.target = std::string(target.substr(0, query));
   request.process = queryItem(target.substr(std::min(query + 1, target.size())), "process");
-  request.key = header(header("X-Quib-Key").empty() ? "X-Quib-Device" : "X-Quib-Key");
+  request.key = header("X-Quib-Key");
+  request.device = header("X-Quib-Device");
   request.tenant = header("X-Quib-Tenant");
   request.host = header("Host");
   request.known = header("If-None-Match");
@@ -80,11 +81,11 @@ bool isMisuse(const beast::error_code& error) {
 // Reads what an answer was given without, for a while, for closing on unread bytes would take the answer
 // away.
 net::awaitable<void> drain(beast::tcp_stream& stream) {
-  std::array<char, 16 * 1024> scrap;
+  std::array<char, 16'384> scrap;
   beast::error_code ignored;
   stream.socket().shutdown(tcp::socket::shutdown_send, ignored);
   stream.expires_after(std::chrono::seconds(2));
-  for (std::size_t total = 0; total < 64 * 1024 * 1024;) {
+  for (std::size_t total = 0; total < 64'000'000;) {
     const auto [error, count] = co_await stream.async_read_some(net::buffer(scrap), awaited);
     if (error) break;
     total += count;
@@ -114,7 +115,7 @@ net::awaitable<void> Server::Listener::accept() {
       co_await pause.async_wait(awaited);
     } else if (connections < limits.connections) {
       ++connections;
-      net::co_spawn(context, serve(std::move(socket)), [this](std::exception_ptr) { --connections; });
+      net::co_spawn(context, serve(std::move(socket)), [this](const std::exception_ptr&) { --connections; });
     }
   }
 }

@@ -17,8 +17,8 @@ struct ServerError : std::runtime_error {
 };
 
 struct Limits {
-  std::uint32_t head = 16 * 1024;          // bytes
-  std::uint64_t body = 16 * 1024 * 1024;   // bytes
+  std::uint32_t head = 16'384;             // bytes
+  std::uint64_t body = 16'777'216;         // bytes
   int connections = 256;                   // beyond which a new one is closed at once
   std::chrono::milliseconds idle{60'000};  // until a head is complete, on a connection that has served one
   std::chrono::milliseconds firstHead{10'000};  // the same, on a new connection

@@ -157,8 +157,7 @@ std::string Store::key() {
 }
 
 Run Store::startRun(const Json::Object& body) {
-  const Run run{"run-" + randomHex(12), "workflow-" + body.text("workflow_name"), Clock::dateTime(), "",
-                true};
+  Run run{"run-" + randomHex(12), "workflow-" + body.text("workflow_name"), Clock::dateTime(), "", true};
   Statement(database_,
             "INSERT INTO runs (id, workflow_id, agent, slug, workflow, session, started_at, status, inputs, "
             "metadata) VALUES (?, ?, ?, ?, ?, ?, ?, 'running', ?, ?)")
@@ -183,7 +182,7 @@ Run Store::dailyRun(const std::string& slug, const std::string& type, const std:
   Statement found(database_,
                   "SELECT id, workflow_id, started_at FROM runs WHERE slug = ? AND agent = ? AND day = ?");
   found.bind(slug, type, day).step();
-  const Run run{found.text(0), found.text(1), found.text(2), day, created};
+  Run run{found.text(0), found.text(1), found.text(2), day, created};
   transaction.commit();
   version_ += created;
   return run;

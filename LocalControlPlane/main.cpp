@@ -68,6 +68,7 @@ std::optional<std::uint16_t> portOf(const std::string& text) {
 }
 
 int serve(const Options& options, std::uint16_t port) {
+  std::signal(SIGPIPE, SIG_IGN);  // whoever reads what is printed may go
   LocalControlPlane::ControlPlane controlPlane(options.data, options.key, options.policy);
   if (const std::string& problem = controlPlane.policies().problem(); !problem.empty()) {
     std::cerr << "obrisk-local: " << options.policy << ": " << problem << "\n";
@@ -82,9 +83,9 @@ int serve(const Options& options, std::uint16_t port) {
             << "  [default]\n"
             << "  api_url = " << server.url() << "\n"
             << "  api_key = " << controlPlane.key() << "\n"
-            << "  agent_slug = my-agent\n"
+            << "  agent_slug = my-agent\n\n"
+            << "Cursor looks for it under [cursor], Copilot under [copilot]. Ctrl-C ends.\n"
             << std::endl;
-  std::signal(SIGPIPE, SIG_IGN);  // whoever reads what is printed may go
   server.run(true);
   return EXIT_SUCCESS;
 }

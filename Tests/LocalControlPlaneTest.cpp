@@ -18,7 +18,7 @@ class LocalControlPlaneTest : public testing::Test {
     Request result;
     result.method = method;
     result.target = target;
-    result.key = "right";
+    result.key = result.device = "right";
     result.host = "localhost:8787";
     result.fromLoopback = true;
     result.body = body;
@@ -178,7 +178,7 @@ TEST_F(LocalControlPlaneTest, SumsWhateverNumbersItIsGiven) {
   }
   EXPECT_EQ(post("runs/" + run + "/steps/",
                  R"({"steps":[{"step_name":"x","position":"y","output":{"kind":"pre_compact",
-      "pre_tokens":9223372036854775807,"timestamp":{},"tool_name":[1],"violations":"none"}}]})")
+      "pre_tokens":9223372036854775807,"timestamp":{},"tool_name":[1],"violations":"none","prompt":"a\u0000b\ud800"}}]})")
                 .status,
             200);
   EXPECT_EQ(
@@ -299,8 +299,9 @@ TEST_F(LocalControlPlaneTest, ConfiguresAnEnrolledMachine) {
   EXPECT_EQ(parsed(send(message).body).text("agent_slug"), "claude-code");
   message.tenant = "";
   EXPECT_EQ(send(message).status, 401);
-  message.key = "wrong";
-  EXPECT_EQ(send(message).status, 401);
+  message.tenant = "home";
+  message.device = "wrong";
+  EXPECT_EQ(send(message).status, 401) << "a key is no device token";
 }
 
 TEST_F(LocalControlPlaneTest, KeepsItsDataPrivateAndTheKeyThatItMade) {
