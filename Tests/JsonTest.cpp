@@ -89,7 +89,7 @@ TEST(Json, ReadsWhatIsWellFormedAndRefusesWhatIsNot) {
 }
 
 TEST(Json, ReadsEscapesWhereverTheyStandInALongText) {
-  const std::string escapes = R"(\\n\\\"\u00e9\ud83d\ude00\ud83d\/\t)", meaning = "\\\\n\\\"é😀\uFFFD/\t";
+  const std::string escapes = R"(\\n\\\"\u00e9\ud83d\ude00\ud83d\/\t)", meaning = "\\n\\\"é😀\uFFFD/\t";
   for (std::size_t before = 0; before < 140; ++before) {
     const std::string plain(before, 'x');
     auto json = Json::parse("[\"" + plain + escapes + plain + "\"]");
