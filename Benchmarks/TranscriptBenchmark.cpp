@@ -49,7 +49,7 @@ class Author {
         "= ",       "nothing ", "is lost ",    "when ",    "a ",       "line\n",   "ends; ", "// see ",
         "below.\n", "std::",    "string ",     "while ",   "waiting ", "for ",     "the ",   "answer\n",
         "-> ",      "42, ",     "0x1f, ",      "— ",       "→ ",       "naïve ",   "if ",    "else ",
-        "import ",  "from ",    "'./unit';\n",
+        "import ",  "from ",    "'./unit';\n", "\x1b[1m",  "\\d+ ",
     };
     std::string text;
     for (auto size = typical / 4 + below(typical * 3 / 2); text.size() < size;)

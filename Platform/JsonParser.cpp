@@ -1,107 +1,17 @@
 #include <simdjson.h>
 
 #include <algorithm>
-#include <array>
 #include <charconv>
 #include <cmath>
 #include <limits>
 #include <memory>
 
 #include "Platform/Json.h"
+#include "Platform/JsonEscapes.h"
 
 namespace {
 
 using Selection = std::span<const Json::Selection>;  // empty: everything
-
-constexpr std::string_view replacementCharacter = "\xEF\xBF\xBD";
-
-void appendUtf8(std::string& out, std::uint32_t codePoint) {
-  if (codePoint < 0x80) {
-    out += static_cast<char>(codePoint);
-  } else if (codePoint < 0x800) {
-    out += static_cast<char>(0xC0 | codePoint >> 6);
-    out += static_cast<char>(0x80 | (codePoint & 0x3F));
-  } else if (codePoint < 0x10000) {
-    out += static_cast<char>(0xE0 | codePoint >> 12);
-    out += static_cast<char>(0x80 | (codePoint >> 6 & 0x3F));
-    out += static_cast<char>(0x80 | (codePoint & 0x3F));
-  } else {
-    out += static_cast<char>(0xF0 | codePoint >> 18);
-    out += static_cast<char>(0x80 | (codePoint >> 12 & 0x3F));
-    out += static_cast<char>(0x80 | (codePoint >> 6 & 0x3F));
-    out += static_cast<char>(0x80 | (codePoint & 0x3F));
-  }
-}
-
-// The code unit of the "\uXXXX" escape that `text` begins with; absent when it begins with none.
-std::optional<std::uint32_t> codeUnit(std::string_view text) {
-  std::uint32_t unit = 0;
-  if (text.size() < 6 || !text.starts_with("\\u")) return std::nullopt;
-  auto [end, error] = std::from_chars(text.data() + 2, text.data() + 6, unit, 16);
-  if (error != std::errc() || end != text.data() + 6) return std::nullopt;
-  return unit;
-}
-
-// What each letter behind a backslash stands for; "\0" where it is no such letter.
-constexpr auto escapeValues = [] {
-  std::array<char, 256> values{};
-  constexpr std::string_view letters = "\"\\/bfnrt", meanings = "\"\\/\b\f\n\r\t";
-  for (std::size_t i = 0; i < letters.size(); ++i)
-    values[static_cast<unsigned char>(letters[i])] = meanings[i];
-  return values;
-}();
-
-char escapeValue(char letter) {
-  return escapeValues[static_cast<unsigned char>(letter)];
-}
-
-// Whether every backslash in `text` begins a well-formed escape.
-bool hasValidEscapes(std::string_view text) {
-  for (auto at = text.find('\\'); at != text.npos; at = text.find('\\', at)) {
-    if (at + 1 < text.size() && escapeValue(text[at + 1]))
-      at += 2;
-    else if (codeUnit(text.substr(at)))
-      at += 6;
-    else
-      return false;
-  }
-  return true;
-}
-
-// Appends what the "\uXXXX" escape (or surrogate pair of two) that `text` begins with stands for, and drops
-// it from `text`; a surrogate on its own stands for U+FFFD.
-void takeUnicodeEscape(std::string_view& text, std::string& out) {
-  std::uint32_t unit = codeUnit(text).value_or(0);
-  text.remove_prefix(6);
-  if (unit < 0xD800 || unit > 0xDFFF) return appendUtf8(out, unit);
-  auto low = unit < 0xDC00 ? codeUnit(text) : std::nullopt;
-  if (!low || *low < 0xDC00 || *low > 0xDFFF) {
-    out += replacementCharacter;
-    return;
-  }
-  text.remove_prefix(6);
-  appendUtf8(out, 0x10000 + ((unit - 0xD800) << 10) + (*low - 0xDC00));
-}
-
-// The text that the content of a string with valid escapes stands for.
-std::string unescaped(std::string_view content) {
-  std::size_t at = content.find('\\');
-  if (at == content.npos) return std::string(content);
-  std::string out;
-  out.reserve(content.size());
-  for (; at != content.npos; at = content.find('\\')) {
-    out += content.substr(0, at);
-    content.remove_prefix(at);
-    if (char value = escapeValue(content[1])) {
-      out += value;
-      content.remove_prefix(2);
-    } else {
-      takeUnicodeEscape(content, out);
-    }
-  }
-  out += content;
-  return out;
-}
 
 bool isDigit(char c) {
   return c >= '0' && c <= '9';
@@ -177,7 +87,7 @@ class Parser {
  public:
   explicit Parser(std::string_view text) : text_(text) {
     // A backslash outside a string is refused with the token that it stands in.
-    if (!hasValidEscapes(text)) return;
+    if (!JsonEscapes::areValid(text)) return;
     // Positions are 32 bits wide.
     if (text.size() > std::numeric_limits<std::uint32_t>::max() - 64) return;
     const simdjson::implementation* implementation = simdjson::get_active_implementation();
@@ -227,7 +137,7 @@ class Parser {
       case '{':
         return depth < Json::maxDepth ? object(depth + 1, selection) : std::nullopt;
       case '"':
-        return Json(unescaped(takeContent()));
+        return Json(JsonEscapes::resolved(takeContent()));
       default:
         return literalOrNumber(takeToken());
     }
@@ -260,7 +170,7 @@ class Parser {
   bool member(int depth, Selection selection, std::vector<Json::Member>& members) {
     std::string_view key = takeContent();
     std::string spelled;
-    if (key.find('\\') != key.npos) key = spelled = unescaped(key);
+    if (key.find('\\') != key.npos) key = spelled = JsonEscapes::resolved(key);
     if (!take(':')) return false;
     auto chosen = std::ranges::find(selection, key, &Json::Selection::key);
     if (!selection.empty() && chosen == selection.end()) return skip(depth);

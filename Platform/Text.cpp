@@ -91,10 +91,7 @@ char32_t codePoint(std::string_view bytes) {
   return point >= least ? point : 0;
 }
 
-// The size of the ASCII or standalone character that `text` begins with, 0 when it begins with another.
-std::size_t plainCharacter(std::string_view text) {
-  if (text.empty()) return 0;
-  if (isAsciiByte(text[0])) return text[0] == '\r' && text.starts_with("\r\n") ? 2 : 1;
+std::size_t standaloneCharacter(std::string_view text) {
   for (std::size_t size = 2; size <= std::min<std::size_t>(3, text.size()); ++size) {
     if (isIn(standalone, codePoint(text.substr(0, size)))) return size;
   }
@@ -114,6 +111,13 @@ std::size_t trailingSpace(std::string_view text, Space kind) {
     if (isSpace(codePoint(text.substr(text.size() - size)), kind)) return size;
   }
   return 0;
+}
+
+// The size of the ASCII or standalone character that `text` begins with, 0 when it begins with another.
+inline std::size_t plainCharacter(std::string_view text) {
+  if (text.empty()) return 0;
+  if (!isAsciiByte(text[0])) return standaloneCharacter(text);
+  return text[0] == '\r' && text.starts_with("\r\n") ? 2 : 1;
 }
 
 std::string asciiLowercased(std::string_view text) {
@@ -156,7 +160,7 @@ std::string_view prefix(std::string_view text, std::size_t count) {
   for (; counted < count && size > 0; ++counted) {
     start = end;
     end += size;
-    size = plainCharacter(text.substr(end));
+    size = plainCharacter({text.data() + end, text.size() - end});
   }
   if (end == text.size() || count == 0 || (counted == count && size > 0)) return text.substr(0, end);
   // What follows may belong to the last character counted, so that one is counted again.

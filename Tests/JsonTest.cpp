@@ -88,6 +88,18 @@ TEST(Json, ReadsWhatIsWellFormedAndRefusesWhatIsNot) {
     EXPECT_EQ(reprinted(row.text), row.reprinted) << row.name;
 }
 
+TEST(Json, ReadsEscapesWhereverTheyStandInALongText) {
+  const std::string escapes = R"(\\n\\\"\u00e9\ud83d\ude00\ud83d\/\t)", meaning = "\\n\\\"é😀\uFFFD/\t";
+  for (std::size_t before = 0; before < 140; ++before) {
+    const std::string plain(before, 'x');
+    auto json = Json::parse("[\"" + plain + escapes + plain + "\"]");
+    ASSERT_TRUE(json) << before;
+    EXPECT_EQ(*json, Json(Json::Array{plain + meaning + plain})) << before;
+    for (const char* malformed : {R"(\q)", R"(\u12g4)", R"(\\\x)", R"(\U0041)"})
+      EXPECT_FALSE(Json::parse("[\"" + plain + malformed + plain + "\"]")) << before << malformed;
+  }
+}
+
 TEST(Json, BuildsOnlyTheMembersThatAreSelected) {
   static constexpr Json::Selection blocks[] = {{"t"}};
   static constexpr Json::Selection members[] = {{"a"}, {"list", blocks}};
