@@ -128,6 +128,7 @@ void prepare() {
     if (::fcntl(descriptor, F_GETFD) < 0 && errno == EBADF)
       ::open("/dev/null", descriptor == STDIN_FILENO ? O_RDONLY : O_WRONLY);
   ::signal(SIGPIPE, SIG_IGN);
+  ::signal(SIGXFSZ, SIG_IGN);
   rlimit none{0, 0};
   ::setrlimit(RLIMIT_CORE, &none);
 #ifndef __APPLE__
