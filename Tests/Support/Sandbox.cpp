@@ -115,6 +115,7 @@ int Sandbox::start(const std::vector<std::string>& arguments, const std::string&
   for (const std::string& argument : arguments)
     argv.push_back(const_cast<char*>(argument.c_str()));
   argv.push_back(nullptr);
+  if (inChild) inChild();
   ::execv(QUIB_HOOK_EXECUTABLE, argv.data());
   ::_exit(127);
 }

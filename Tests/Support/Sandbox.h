@@ -3,6 +3,7 @@
 // and the files are gone, unless the test failed: then they stay and their place is printed.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -52,6 +53,9 @@ class Sandbox {
   // Starts it without waiting; the caller waits for the process.
   int start(const std::vector<std::string>& arguments, const std::string& inputFile,
             const std::string& outputFile, const std::string& errorFile) const;
+
+  // Called in every process that is started, just before it becomes the product: for its limits and its user.
+  std::function<void()> inChild;
 
   // All names in a directory and below, relative to it, sorted.
   static std::vector<std::string> tree(const std::string& directory);
