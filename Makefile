@@ -26,6 +26,12 @@ asan:
 	@cmake --build --preset asan -j$(JOBS)
 	@ctest --preset asan -j$(JOBS)
 
+soak:
+	@scripts/install-deps build test
+	@cmake --preset dev >/dev/null
+	@cmake --build --preset dev -j$(JOBS) --target quib-hook-soak
+	@$(BUILD)/dev/Tests/quib-hook-soak
+
 fuzz:
 	@scripts/install-deps build fuzz
 	@cmake --preset fuzz >/dev/null
