@@ -14,7 +14,8 @@ all:
 demo: all
 	@$(BUILD)/release/LocalControlPlane/obrisk-demo
 
-test:
+# The budgets are held against the release build.
+test: all
 	@scripts/install-deps build test page
 	@cmake --preset dev >/dev/null
 	@cmake --build --preset dev -j$(JOBS)
@@ -25,6 +26,12 @@ asan:
 	@cmake --preset asan >/dev/null
 	@cmake --build --preset asan -j$(JOBS)
 	@ctest --preset asan -j$(JOBS)
+
+bench bench-plots:
+	@scripts/install-deps build bench
+	@cmake --preset bench >/dev/null
+	@cmake --build --preset bench -j$(JOBS) --target quib-bench quib-benchmarks
+	@scripts/bench $@ $(BUILD)/bench
 
 fuzz:
 	@scripts/install-deps build fuzz
