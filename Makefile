@@ -12,10 +12,11 @@ all:
 	@cmake --build --preset release -j$(JOBS)
 
 demo: all
-	@$(BUILD)/release/LocalControlPlane/obrisk-demo
+	@scripts/demo $(BUILD)/release
 
-test:
-	@scripts/install-deps build test page
+# The budgets are held against the release build.
+test: all
+	@scripts/install-deps build test
 	@cmake --preset dev >/dev/null
 	@cmake --build --preset dev -j$(JOBS)
 	@ctest --preset dev -j$(JOBS)
@@ -31,6 +32,12 @@ soak:
 	@cmake --preset dev >/dev/null
 	@cmake --build --preset dev -j$(JOBS) --target quib-hook-soak
 	@$(BUILD)/dev/Tests/quib-hook-soak
+
+bench bench-plots:
+	@scripts/install-deps build bench
+	@cmake --preset bench >/dev/null
+	@cmake --build --preset bench -j$(JOBS) --target quib-bench quib-benchmarks
+	@scripts/bench $@ $(BUILD)/bench
 
 fuzz:
 	@scripts/install-deps build fuzz

@@ -16,6 +16,9 @@ namespace {
 constexpr std::string_view extension = ".json";
 constexpr auto staleAfter = std::chrono::hours(24);
 
+// What tells whether a record is a peer's.
+constexpr Json::Selection peerMembers[] = {{"cwd"}, {"run_id"}};
+
 std::string stateFile(const std::string& sessionID) {
   return scopedStateDir() + "/" + sessionID + std::string(extension);
 }
@@ -24,6 +27,13 @@ std::optional<SessionState> readState(const std::string& path) {
   auto content = Files::read(path);
   auto json = content ? Json::parseObject(*content) : std::nullopt;
   return json ? SessionState::fromJSON(*json) : std::nullopt;
+}
+
+// Builds no more of a record than is needed to pass it by: there may be thousands.
+bool isPeer(const std::string& path, const std::string& cwd) {
+  auto content = Files::read(path);
+  auto members = content ? Json::parseObject(*content, peerMembers) : std::nullopt;
+  return members && members->text("cwd") == cwd && !members->text("run_id").empty();
 }
 
 // A name that is nothing but ".json" is a hidden file without an extension.
@@ -86,7 +96,9 @@ std::optional<SessionState> findCoworkPeer(const std::string& cwd, const std::st
   std::string directory = scopedStateDir();
   for (const std::string& name : Files::list(directory)) {
     if (!isStateFile(name) || name.substr(0, name.size() - extension.size()) == excludeSessionID) continue;
-    auto state = readState(directory + "/" + name);
+    std::string path = directory + "/" + name;
+    if (!isPeer(path, cwd)) continue;
+    auto state = readState(path);
     if (state && !state->run_id.empty() && state->cwd == cwd) return state;
   }
   return std::nullopt;

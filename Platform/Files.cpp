@@ -139,7 +139,11 @@ bool remove(const std::string& path) {
 }
 
 std::error_code makeDirectories(const std::string& path) {
-  if (::mkdir(cPath(path), S_IRWXU) == 0) return {};
+  const auto isDirectory = [&] {
+    struct stat attributes;
+    return ::stat(cPath(path), &attributes) == 0 && S_ISDIR(attributes.st_mode);
+  };
+  if (isDirectory() || ::mkdir(cPath(path), S_IRWXU) == 0) return {};
   std::error_code error = lastError();
   if (error == std::errc::no_such_file_or_directory) {
     std::string parent = path.substr(0, path.find_last_not_of('/') + 1);
@@ -148,9 +152,8 @@ std::error_code makeDirectories(const std::string& path) {
     if (std::error_code parentError = makeDirectories(parent)) return parentError;
     return ::mkdir(cPath(path), S_IRWXU) == 0 || errno == EEXIST ? std::error_code() : lastError();
   }
-  struct stat attributes;
-  bool isDirectory = ::stat(cPath(path), &attributes) == 0 && S_ISDIR(attributes.st_mode);
-  return isDirectory ? std::error_code() : error;
+  // Somebody else may have made it meanwhile.
+  return isDirectory() ? std::error_code() : error;
 }
 
 std::vector<std::string> list(const std::string& directory) {

@@ -124,7 +124,9 @@ void trustSystemStore(SSL_CTX* context, Trust trust) {
 ssl_ctx_st* newClientContext(Trust trust) {
   // The system's OpenSSL configuration is for other programs' needs (engines, providers) and may be broken.
   // Nor is there anything to clean up at exit, when a name server may still be asked on another thread.
-  OPENSSL_init_ssl(OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_ATEXIT, nullptr);
+  // The table of ciphers by old names is for callers that use those; to fill it costs a tenth of a handshake.
+  OPENSSL_init_ssl(OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_ATEXIT | OPENSSL_INIT_NO_ADD_ALL_CIPHERS,
+                   nullptr);
   SSL_CTX* context = SSL_CTX_new(TLS_client_method());
   if (!context) return nullptr;
   SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <set>
+#include <utility>
 
 #include "Hook/Handlers/GuardDecision.h"
 #include "Hook/Handlers/SessionStart.h"
@@ -48,7 +49,7 @@ void sendNewCalls(const std::string& runID, const std::vector<LlmCallData>& call
     known.insert(call.messageID);
   }
   if (selected.empty()) return;
-  client.recordLLMCalls(runID, selected);
+  client.recordLLMCalls(runID, std::move(selected));
   LLMCallDedupe::save(runID, known);
 }
 
