@@ -1,7 +1,6 @@
 #include "Platform/Http.h"
 
 #include <fcntl.h>
-#include <openssl/ssl.h>
 
 #include <algorithm>
 #include <boost/asio/as_tuple.hpp>
@@ -66,7 +65,7 @@ Session& session() {
 // A transport error. Thrown within this file only.
 struct Failure {
   std::string description;
-  bool isStale = false;  // a kept connection was closed before any byte of the answer
+  bool isUnanswered = false;  // the connection ended before any byte of the answer
 };
 
 bool hasControlCharacter(std::string_view text) {
@@ -93,6 +92,7 @@ class Exchange {
   asio::awaitable<Parser> receive(std::string step, bool headOnly);
 
   std::string requestText() const;
+  void giveUp();
   void begin(std::string step, milliseconds wait);
   void progress();
   [[noreturn]] void fail(const error_code& error) const;
@@ -130,12 +130,23 @@ Response Exchange::run() {
   while (!done) {
     if (context.run_one_until(until_) > 0) continue;
     expired_ = true;
-    error_code ignored;
-    if (connection_) connection_->socket.cancel(ignored);
-    context.poll();
+    giveUp();
+    context.poll_one();
   }
   if (response.error && Clock::now() >= end_) return {};
   return response;
+}
+
+// What is ready already cannot be cancelled, so that a server which never pauses would go on: at the end it
+// is cut off.
+void Exchange::giveUp() {
+  error_code ignored;
+  if (!connection_) return;
+  if (Clock::now() < end_) {
+    connection_->socket.cancel(ignored);
+  } else {
+    connection_->socket.close(ignored);
+  }
 }
 
 void Exchange::begin(std::string step, milliseconds wait) {
@@ -144,11 +155,8 @@ void Exchange::begin(std::string step, milliseconds wait) {
   expired_ = false;
 }
 
-// A server that always has a byte ready never lets a wait run out, so the end is looked for here as well.
 void Exchange::progress() {
-  const auto now = Clock::now();
-  if (now >= end_) fail("timed out");
-  until_ = std::min(now + timeout_, end_);
+  until_ = std::min(Clock::now() + timeout_, end_);
   expired_ = false;
 }
 
@@ -179,7 +187,7 @@ asio::awaitable<Response> Exchange::perform() {
     try {
       co_return co_await ask();
     } catch (const Failure& failure) {
-      if (!failure.isStale) throw;
+      if (!failure.isUnanswered) throw;
     }
   }
   co_await connect();
@@ -188,13 +196,12 @@ asio::awaitable<Response> Exchange::perform() {
 }
 
 asio::awaitable<Response> Exchange::ask() {
-  const bool wasKept = !connection_->leadsTo.empty();
   Parser parser;
   try {
     co_await send("sending the request to " + target_.authority(), requestText());
     parser = co_await receive("reading the answer of " + target_.authority(), false);
   } catch (Failure& failure) {
-    failure.isStale = wasKept && !expired_ && !heard_;
+    failure.isUnanswered = !heard_ && !expired_;
     throw;
   }
   if (parser->keep_alive() && connection_->unread.size() == 0) session().kept = std::move(connection_);
@@ -278,22 +285,12 @@ asio::awaitable<bool> Exchange::startTls(Tls::Trust trust) {
   asio::ssl::context context(client);
   connection_->tls = std::make_unique<asio::ssl::stream<tcp::socket&>>(connection_->socket, context);
   SSL* tls = connection_->tls->native_handle();
-  X509_VERIFY_PARAM* expected = SSL_get0_param(tls);
-  X509_VERIFY_PARAM_set_hostflags(expected, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
-  const char* host = target_.host.c_str();
-  const bool named =
-      X509_VERIFY_PARAM_set1_ip_asc(expected, host) == 1 ||
-      (X509_VERIFY_PARAM_set1_host(expected, host, 0) == 1 && SSL_set_tlsext_host_name(tls, host) == 1);
-  if (!named) fail("the host name cannot be verified");
+  if (!Tls::expectHost(tls, target_.host)) fail("the host name cannot be verified");
   const auto [error] = co_await connection_->tls->async_handshake(asio::ssl::stream_base::client, asResult);
   if (!error) co_return true;
-  const long verdict = SSL_get_verify_result(tls);
-  if (verdict == X509_V_OK || expired_) fail(error);
-  const bool isUnknown = verdict == X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY ||
-                         verdict == X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT ||
-                         verdict == X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE ||
-                         verdict == X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN;
-  if (!isUnknown || trust == Tls::Trust::whole) fail(X509_verify_cert_error_string(verdict));
+  const auto verdict = Tls::verdictOn(tls);
+  if (expired_ || verdict.isTrusted) fail(error);
+  if (!verdict.isIssuerUnknown || trust == Tls::Trust::whole) fail(verdict.reason);
   co_return false;
 }
 

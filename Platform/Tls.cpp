@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <openssl/ssl.h>
+#include <openssl/x509v3.h>
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -133,6 +134,23 @@ ssl_ctx_st* newClientContext(Trust trust) {
   SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
   trustSystemStore(context, trust);
   return context;
+}
+
+bool expectHost(ssl_st* connection, const std::string& host) {
+  X509_VERIFY_PARAM* expected = SSL_get0_param(connection);
+  X509_VERIFY_PARAM_set_hostflags(expected, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+  if (X509_VERIFY_PARAM_set1_ip_asc(expected, host.c_str()) == 1) return true;
+  return X509_VERIFY_PARAM_set1_host(expected, host.c_str(), host.size()) == 1 &&
+         SSL_set_tlsext_host_name(connection, host.c_str()) == 1;
+}
+
+Verdict verdictOn(ssl_st* connection) {
+  const long verdict = SSL_get_verify_result(connection);
+  const bool isIssuerUnknown = verdict == X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY ||
+                               verdict == X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT ||
+                               verdict == X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE ||
+                               verdict == X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN;
+  return {verdict == X509_V_OK, isIssuerUnknown, X509_verify_cert_error_string(verdict)};
 }
 
 }  // namespace Tls

@@ -2,7 +2,10 @@
 // SSL_CERT_DIR may name another file and another directory.
 #pragma once
 
+#include <string>
+
 struct ssl_ctx_st;
+struct ssl_st;
 
 namespace Tls {
 
@@ -16,5 +19,18 @@ enum class Trust {
 // whose name is written in another encoding than in the certificate that it issued: what it does not verify,
 // `whole` may.
 ssl_ctx_st* newClientContext(Trust trust);
+
+// Has `connection` ask for `host`, a name or a literal address, and accept a certificate for nothing else.
+// False when it cannot be asked for; then the connection must not be used.
+bool expectHost(ssl_st* connection, const std::string& host);
+
+struct Verdict {
+  bool isTrusted;
+  bool isIssuerUnknown;  // the certificate may be good, but nobody vouches for it
+  std::string reason;
+};
+
+// On the server's certificate, after a handshake.
+Verdict verdictOn(ssl_st* connection);
 
 }  // namespace Tls

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netdb.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -378,6 +379,21 @@ TEST_F(HttpTest, AKeptConnectionThatFallsSilentIsNoReasonToAskAgain) {
   server.next({FakeControlPlane::failing(Fault::silence)});
   EXPECT_TRUE(post(server.url(), "{}", 200ms).error);
   EXPECT_EQ(server.requests().size(), 2u);
+}
+
+TEST_F(HttpTest, AProcessWithoutDescriptorsGetsATransportError) {
+#ifdef __SANITIZE_ADDRESS__
+  GTEST_SKIP() << "the sanitizer opens a pipe to look at memory";
+#endif
+  const auto exchangeWith = [](int descriptors) {
+    const rlimit limit{static_cast<rlim_t>(descriptors), static_cast<rlim_t>(descriptors)};
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    ::_exit(get("http://127.0.0.1:9/", 1s, 2s).error ? 7 : 8);
+  };
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  for (const int descriptors : {3, 4, 5, 6, 7}) {
+    EXPECT_EXIT(exchangeWith(descriptors), testing::ExitedWithCode(7), "") << descriptors;
+  }
 }
 
 TEST_F(HttpTest, LeavesNoDescriptorToAChildProcess) {
