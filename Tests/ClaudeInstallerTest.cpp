@@ -26,9 +26,9 @@ TEST(ClaudeInstaller, MatchesEveryToolAndNothingElse) {
   Sandbox sandbox;
   ASSERT_TRUE(ClaudeInstaller::install(binary));
   const std::string toolGroup =
-      R"([{"hooks":[{"command":"'\/opt\/tools\/quib-hook'","timeout":900,"type":"command"}],"matcher":"*"}])";
+      R"([{"hooks":[{"command":"'\/opt\/tools\/quib-hook'","timeout":1320,"type":"command"}],"matcher":"*"}])";
   const std::string group =
-      R"([{"hooks":[{"command":"'\/opt\/tools\/quib-hook'","timeout":900,"type":"command"}]}])";
+      R"([{"hooks":[{"command":"'\/opt\/tools\/quib-hook'","timeout":1320,"type":"command"}]}])";
   const std::set<std::string> toolEvents{"PreToolUse", "PostToolUse", "PostToolUseFailure",
                                          "PermissionRequest", "PermissionDenied"};
   const Json::Object hooks = hooksIn(sandbox);
@@ -82,7 +82,7 @@ TEST(ClaudeInstaller, ComesAfterOtherToolsInTheSameEvent) {
   ASSERT_TRUE(ClaudeInstaller::install(binary));
   EXPECT_EQ(
       text(hooksIn(sandbox).list("Stop")),
-      R"([{"hooks":[{"command":"a"}]},{"hooks":[{"command":"'\/opt\/tools\/quib-hook'","timeout":900,"type":"command"}]}])");
+      R"([{"hooks":[{"command":"a"}]},{"hooks":[{"command":"'\/opt\/tools\/quib-hook'","timeout":1320,"type":"command"}]}])");
 }
 
 // "@" stands where the value of "hooks" is written.
