@@ -244,7 +244,7 @@ asio::awaitable<void> Exchange::connectTo(const Url::Parts& peer) {
   if (found.addresses.empty()) fail(found.error.empty() ? "timed out" : found.error);
   std::string failure;
   for (std::size_t i = 0; i < found.addresses.size(); ++i) {
-    const auto left = std::chrono::duration_cast<milliseconds>(givenUp - Clock::now());
+    const auto left = std::chrono::ceil<milliseconds>(givenUp - Clock::now());
     const auto others = static_cast<int>(found.addresses.size() - 1 - i);
     begin("connecting to " + peer.authority(true),
           others == 0 ? left : std::min(left / (others + 1), nextAddressAfter));

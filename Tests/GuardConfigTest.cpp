@@ -83,67 +83,59 @@ TEST(GuardConfig, TakesOnlyValuesOfTheFieldsType) {
   }
 }
 
-// The four files, written where they are not empty. Every layer sets numbers of its own, so that the sums
-// tell which of them came through.
-struct Layers {
-  const char* sentence;
-  std::string effective, policy, user, project;
-  std::int64_t maximum, warning;
-};
-
-class LoadEffectiveConfig : public testing::TestWithParam<Layers> {};
-
-TEST_P(LoadEffectiveConfig, LaysTheFilesOverTheDefaults) {
-  const Layers& layers = GetParam();
-  const Sandbox sandbox;
-  const auto write = [&](const std::string& path, const std::string& text) {
-    if (!text.empty()) sandbox.write(path, text);
+// The four files, written where they are not empty. Every layer sets numbers of its own, so that they tell
+// which of them came through.
+TEST(LoadEffectiveConfig, LaysTheFilesOverTheDefaults) {
+  const std::string effective = R"({"effective": {"max_file_changes": 1}})";
+  const std::string policy = R"({"config": {"max_file_changes": 2, "warn_file_changes": 2}})";
+  struct Row {
+    const char* sentence;
+    std::string effective, policy, user, project;
+    std::int64_t maximum, warning;
   };
-  write(sandbox.home() + "/.obrisk/guard-effective.json", layers.effective);
-  write(sandbox.home() + "/.obrisk/policy.json", layers.policy);
-  write(sandbox.home() + "/.obrisk/guard.json", layers.user);
-  write(sandbox.project() + "/.obrisk/guard.json", layers.project);
-  const GuardConfig config = HookHandler::loadEffectiveConfig(sandbox.project());
-  EXPECT_EQ(config, changed([&](GuardConfig& c) {
-              c.max_file_changes = layers.maximum;
-              c.warn_file_changes = layers.warning;
-            }))
-      << layers.sentence << ": " << config.max_file_changes << ", " << config.warn_file_changes;
+  const Row rows[] = {
+      {"no file leaves the defaults", "", "", "", "", 50, 20},
+      {"the effective guard hides the policy", effective, policy, "", "", 1, 20},
+      {"an empty effective guard does not", R"({"effective": {}})", policy, "", "", 2, 2},
+      {"nor one that is no object", R"({"effective": []})", policy, "", "", 2, 2},
+      {"nor one at the top level", R"({"max_file_changes": 1})", policy, "", "", 2, 2},
+      {"nor a malformed file", R"({"effective": {"max_file_changes": 1})", policy, "", "", 2, 2},
+      {"one without any known key hides the policy, too", R"({"effective": {"x": 1}})", policy, "", "", 50,
+       20},
+      {"a policy's guard_config serves without config", "", R"({"guard_config": {"max_file_changes": 3}})",
+       "", "", 3, 20},
+      {"and with a config that is no object", "",
+       R"({"config": [], "guard_config": {"max_file_changes": 3}})", "", "", 3, 20},
+      {"but not with an empty config", "", R"({"config": {}, "guard_config": {"max_file_changes": 3}})", "",
+       "", 50, 20},
+      {"nor beside a full one", "",
+       R"({"config": {"warn_file_changes": 2}, "guard_config": {"max_file_changes": 3}})", "", "", 50, 2},
+      {"the user's guard lies over the effective one", effective, "", R"({"max_file_changes": 4})", "", 4,
+       20},
+      {"the user's guard lies over the policy", "", policy, R"({"max_file_changes": 4})", "", 4, 2},
+      {"the project's lies over all", effective, policy, R"({"max_file_changes": 4, "warn_file_changes": 4})",
+       R"({"max_file_changes": 5})", 5, 4},
+      {"a malformed user's guard is passed over", effective, "", "{", R"({"warn_file_changes": 5})", 1, 5},
+      {"a list is no guard", effective, "", "[1]", "", 1, 20},
+      {"a project's guard may lift what the user's sets", "", "", R"({"max_file_changes": 4})",
+       R"({"max_file_changes": 0})", 0, 20}};
+  for (const Row& row : rows) {
+    const Sandbox sandbox;
+    const auto write = [&](const std::string& path, const std::string& text) {
+      if (!text.empty()) sandbox.write(path, text);
+    };
+    write(sandbox.home() + "/.obrisk/guard-effective.json", row.effective);
+    write(sandbox.home() + "/.obrisk/policy.json", row.policy);
+    write(sandbox.home() + "/.obrisk/guard.json", row.user);
+    write(sandbox.project() + "/.obrisk/guard.json", row.project);
+    const GuardConfig config = HookHandler::loadEffectiveConfig(sandbox.project());
+    EXPECT_EQ(config, changed([&](GuardConfig& c) {
+                c.max_file_changes = row.maximum;
+                c.warn_file_changes = row.warning;
+              }))
+        << row.sentence << ": " << config.max_file_changes << ", " << config.warn_file_changes;
+  }
 }
-
-const std::string effective = R"({"effective": {"max_file_changes": 1}})";
-const std::string policy = R"({"config": {"max_file_changes": 2, "warn_file_changes": 2}})";
-
-INSTANTIATE_TEST_SUITE_P(
-    Layers, LoadEffectiveConfig,
-    testing::Values(
-        Layers{"no file leaves the defaults", "", "", "", "", 50, 20},
-        Layers{"the effective guard hides the policy", effective, policy, "", "", 1, 20},
-        Layers{"an empty effective guard does not", R"({"effective": {}})", policy, "", "", 2, 2},
-        Layers{"nor one that is no object", R"({"effective": []})", policy, "", "", 2, 2},
-        Layers{"nor one at the top level", R"({"max_file_changes": 1})", policy, "", "", 2, 2},
-        Layers{"nor a malformed file", R"({"effective": {"max_file_changes": 1})", policy, "", "", 2, 2},
-        Layers{"one without any known key hides the policy, too", R"({"effective": {"x": 1}})", policy, "",
-               "", 50, 20},
-        Layers{"a policy's guard_config serves without config", "",
-               R"({"guard_config": {"max_file_changes": 3}})", "", "", 3, 20},
-        Layers{"and with a config that is no object", "",
-               R"({"config": [], "guard_config": {"max_file_changes": 3}})", "", "", 3, 20},
-        Layers{"but not with an empty config", "",
-               R"({"config": {}, "guard_config": {"max_file_changes": 3}})", "", "", 50, 20},
-        Layers{"nor beside a full one", "",
-               R"({"config": {"warn_file_changes": 2}, "guard_config": {"max_file_changes": 3}})", "", "", 50,
-               2},
-        Layers{"the user's guard lies over the effective one", effective, "", R"({"max_file_changes": 4})",
-               "", 4, 20},
-        Layers{"the user's guard lies over the policy", "", policy, R"({"max_file_changes": 4})", "", 4, 2},
-        Layers{"the project's lies over all", effective, policy,
-               R"({"max_file_changes": 4, "warn_file_changes": 4})", R"({"max_file_changes": 5})", 5, 4},
-        Layers{"a malformed user's guard is passed over", effective, "", "{", R"({"warn_file_changes": 5})",
-               1, 5},
-        Layers{"a list is no guard", effective, "", "[1]", "", 1, 20},
-        Layers{"a project's guard may lift what the user's sets", "", "", R"({"max_file_changes": 4})",
-               R"({"max_file_changes": 0})", 0, 20}));
 
 TEST(LoadEffectiveConfig, HasNoProjectLayerWithoutADirectory) {
   const Sandbox sandbox;
