@@ -22,8 +22,9 @@ class DeviceIdentityTest : public testing::Test {
     sandbox.write(file(), Json(identity).compact());
   }
 
-  std::optional<Resolved> resolve(const std::string& process = "claude") {
-    return DeviceIdentity::resolve(process, file(), {300ms, 600ms});
+  std::optional<Resolved> resolve(const std::string& process = "claude",
+                                  DeviceIdentity::Patience patience = {}) {
+    return DeviceIdentity::resolve(process, file(), patience);
   }
 
   Sandbox sandbox;
@@ -82,20 +83,24 @@ TEST_F(DeviceIdentityTest, OnlyAWholeAnswerWithAKeyGivesAnIdentity) {
          return reply;
        }(),
        {}},
-      {"silence", FakeControlPlane::failing(Fault::silence), {}},
-      {"an answer that never ends",
-       [&] {
-         auto reply = FakeControlPlane::status(200, whole);
-         reply.drip = 20ms;
-         return reply;
-       }(),
-       {}},
   };
   for (const auto& row : rows) {
     server.next({row.reply});
     EXPECT_TRUE(resolve() == row.expected) << row.name;
   }
   EXPECT_EQ(server.requests().size(), std::size(rows)) << "each is asked for once";
+}
+
+TEST_F(DeviceIdentityTest, WaitsNoLongerThanItHasPatience) {
+  enrol(server.url());
+  auto dripping = FakeControlPlane::status(200, R"({"upload_api_key":"k"})");
+  dripping.drip = 50ms;
+  server.next({FakeControlPlane::failing(Fault::silence), dripping});
+  EXPECT_EQ(resolve("claude", {200ms, 10s}), std::nullopt);
+  EXPECT_EQ(resolve("claude", {10s, 200ms}), std::nullopt);
+  EXPECT_EQ(server.requests().size(), 2u);
+  EXPECT_EQ(DeviceIdentity::Patience().request, 12s);
+  EXPECT_EQ(DeviceIdentity::Patience().overall, 15s);
 }
 
 TEST_F(DeviceIdentityTest, AnUnusableFileMakesNoRequest) {

@@ -314,8 +314,8 @@ TEST_F(HttpTest, TriesTheNextAddressWhenOneRefusesOrDoesNotAnswer) {
   FakeControlPlane silent({.unaccepting = true, .address = "127.0.0.2", .port = server.port()});
   Http::exchange({"GET", "http://127.0.0.1:1/", {}, ""}, 1s, 1s);  // the kept connection would serve
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(get(server.url("two.test"), 1s).status, 200);
-  EXPECT_GE(std::chrono::steady_clock::now() - start, 500ms);
+  EXPECT_EQ(get(server.url("two.test"), 2s).status, 200);
+  EXPECT_GE(std::chrono::steady_clock::now() - start, 1s);
 }
 
 TEST_F(HttpTest, OneConnectionServesAllRequestsToAServer) {
