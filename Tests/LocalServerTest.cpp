@@ -27,7 +27,7 @@ class Connection {
     address.sin_port = htons(static_cast<std::uint16_t>(std::stoi(url.substr(url.rfind(':') + 1))));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     EXPECT_EQ(connect(descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    const timeval patience{10, 0};
+    const timeval patience{60, 0};
     setsockopt(descriptor_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
   }
   ~Connection() { close(descriptor_); }
@@ -77,7 +77,7 @@ class LocalServerTest : public testing::Test {
     return connection.receive().substr(9, 3);
   }
   bool answers() {
-    return Http::exchange({"GET", server->url() + "/ui/overview", {}, ""}, 5s, 5s).status == 200;
+    return Http::exchange({"GET", server->url() + "/ui/overview", {}, ""}, 30s, 30s).status == 200;
   }
 
   Sandbox sandbox;
