@@ -79,7 +79,7 @@ void addProject(std::string& slug) {
 
 std::string failDefault(const std::string& fromProfile) {
   for (const auto& candidate : {trimmedVariable("OBRISK_POLICY_CHECK_FAIL_DEFAULT"), fromProfile}) {
-    const auto word = Text::lowercased(candidate);
+    auto word = Text::lowercased(candidate);
     if (std::find(failDefaults.begin(), failDefaults.end(), word) != failDefaults.end()) return word;
   }
   return "allow";

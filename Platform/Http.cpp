@@ -116,7 +116,7 @@ Response Exchange::run() {
   context.restart();
   Response response;
   bool done = false;
-  asio::co_spawn(context, perform(), [&](std::exception_ptr failure, Response answer) {
+  asio::co_spawn(context, perform(), [&](const std::exception_ptr& failure, Response answer) {
     done = true;
     response = std::move(answer);
     try {

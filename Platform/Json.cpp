@@ -15,8 +15,8 @@ constexpr std::string_view escapeLetters = "\"\\/bfnrt", escapeValues = "\"\\/\b
 
 struct JsonWriter {
   std::string out;
-  int indent;  // spaces a level; none: compact
-  int level = 0;
+  std::size_t indent;  // spaces a level; none: compact
+  std::size_t level = 0;
 
   void value(const Json& json) {
     json.visit([this](const auto& held) { write(held); });
@@ -65,7 +65,7 @@ struct JsonWriter {
   }
 
   void breakLine() {
-    if (indent) out.append(1, '\n').append(static_cast<std::size_t>(level * indent), ' ');
+    if (indent) out.append(1, '\n').append(level * indent, ' ');
   }
 
   void string(std::string_view text) {

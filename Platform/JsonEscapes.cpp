@@ -8,6 +8,10 @@
 #include <cstring>
 #include <optional>
 
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
 namespace JsonEscapes {
 
 namespace {
@@ -58,21 +62,21 @@ std::size_t escapeLength(std::string_view text) {
 
 constexpr std::size_t blockSize = 64;
 
-// Whether each backslash in the block is followed, be it behind the block, by the letter of a short escape
-// that is no backslash. Takes no branch on any of them: in source code every line has its escapes.
-bool hasOnlyShortEscapes(const char* block) {
-  using Bytes [[gnu::vector_size(16)]] = unsigned char;
-  Bytes others{};
-  for (std::size_t i = 0; i < blockSize; i += sizeof(Bytes)) {
-    Bytes first, second;
-    std::memcpy(&first, block + i, sizeof first);
-    std::memcpy(&second, block + i + 1, sizeof second);
-    others |= (first == '\\') & (second != 'n') & (second != '"') & (second != 't') & (second != '/') &
-              (second != 'r') & (second != 'b') & (second != 'f');
+// One bit for each byte of the block, the lowest for the first: set where a backslash stands.
+std::uint64_t backslashesIn(const char* block) {
+  std::uint64_t bits = 0;
+#ifdef __SSE2__
+  const __m128i backslash = _mm_set1_epi8('\\');
+  for (std::size_t i = 0; i < blockSize; i += 16) {
+    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(block + i));
+    const auto found = static_cast<std::uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, backslash)));
+    bits |= std::uint64_t{found} << i;
   }
-  std::uint64_t halves[2];
-  std::memcpy(halves, &others, sizeof halves);
-  return (halves[0] | halves[1]) == 0;
+#else
+  for (std::size_t i = 0; i < blockSize; ++i)
+    bits |= std::uint64_t{block[i] == '\\'} << i;
+#endif
+  return bits;
 }
 
 // Writes what the "\uXXXX" escape (or surrogate pair of two) that `text` begins with stands for, drops it
@@ -109,18 +113,24 @@ std::size_t copyPlain(std::string_view text, char* out) {
 }  // namespace
 
 bool areValid(std::string_view text) {
-  std::size_t at = 0;
-  while (at < text.size()) {
-    if (text.size() - at > blockSize && hasOnlyShortEscapes(text.data() + at)) {
-      at += blockSize;
-      continue;
-    }
-    std::size_t end = std::min(at + blockSize, text.size());
-    while (at < end) {
-      std::size_t length = text[at] == '\\' ? escapeLength(text.substr(at)) : 1;
+  std::size_t at = 0;  // what stands before is valid
+  while (text.size() - at >= blockSize) {
+    const std::size_t block = at;
+    std::uint64_t bits = backslashesIn(text.data() + block);
+    at += blockSize;
+    while (bits) {
+      const auto first = static_cast<std::size_t>(std::countr_zero(bits));
+      const std::size_t length = escapeLength(text.substr(block + first));
       if (length == 0) return false;
-      at += length;
+      at = std::max(at, block + first + length);
+      // The escape's own second backslash, where it has one, begins none.
+      bits = first + length < blockSize ? bits >> (first + length) << (first + length) : 0;
     }
+  }
+  while (at < text.size()) {
+    const std::size_t length = text[at] == '\\' ? escapeLength(text.substr(at)) : 1;
+    if (length == 0) return false;
+    at += length;
   }
   return true;
 }

@@ -36,7 +36,7 @@ Expression compile(std::u16string_view pattern, Regex::Case letterCase) {
 
 // The two functions that the matcher calls every so often. They answer whether it shall go on.
 UBool goOnMatching(const void* budget, std::int32_t) {
-  return !static_cast<TimeBudget*>(const_cast<void*>(budget))->spent();
+  return static_cast<TimeBudget*>(const_cast<void*>(budget))->spent() ? 0 : 1;
 }
 UBool goOnFinding(const void* budget, std::int64_t) {
   return goOnMatching(budget, 0);
