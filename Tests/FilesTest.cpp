@@ -162,6 +162,19 @@ TEST(Clock, RendersInUtcWithTruncatedMilliseconds) {
   EXPECT_EQ(Clock::dateTime(Clock::Time(microseconds(1'999))), "1970-01-01T00:00:00.001Z");
 }
 
+TEST(Process, PutsNoFileInPlaceOfAClosedStandardStream) {
+  pid_t child = ::fork();
+  if (child == 0) {
+    for (int descriptor = 0; descriptor <= STDERR_FILENO; ++descriptor)
+      ::close(descriptor);
+    Process::prepare();
+    ::_exit(::open("/dev/null", O_RDONLY) > STDERR_FILENO ? 0 : 1);
+  }
+  int status = 0;
+  ::waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+}
+
 TEST(Process, RunsAChildThatInheritsNothing) {
   Sandbox sandbox;
   std::string script = sandbox.root() + "/script";
