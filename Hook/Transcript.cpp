@@ -21,9 +21,11 @@ constexpr std::size_t toolResultLength = 400;  // characters
 
 // All that is read of a line. What else lines carry (the whole files that tools have read, thoughts,
 // signatures) is most of their bytes.
-constexpr Json::Selection resultMembers[] = {{"type"}, {"text"}};
-constexpr Json::Selection blockMembers[] = {{"type"}, {"text"}, {"name"}, {"content", resultMembers}};
-constexpr Json::Selection messageMembers[] = {{"id"}, {"model"}, {"usage"}, {"content", blockMembers}};
+constexpr Json::Selection resultMembers[] = {{"type"}, {"text", {}, toolResultLength}};
+constexpr Json::Selection blockMembers[] = {
+    {"type"}, {"text", {}, previewLength}, {"name"}, {"content", resultMembers, toolResultLength}};
+constexpr Json::Selection messageMembers[] = {
+    {"id"}, {"model"}, {"usage"}, {"content", blockMembers, previewLength}};
 constexpr Json::Selection lineMembers[] = {
     {"type"}, {"message", messageMembers}, {"modelMetadata"}, {"usage"}, {"model"}, {"uuid"}, {"timestamp"},
 };

@@ -78,10 +78,13 @@ class Json {
   static std::optional<Json> parse(std::string_view text);
 
   // Which members of an object to build: the one under `key`, and of every object in its value (an element of
-  // a list, too) those that `within` selects, or all of them when it is empty.
+  // a list, too) those that `within` selects, or all of them when it is empty. Of a string that is its value
+  // only a beginning need be built that has more than `enough` user-perceived characters, white space not
+  // counted: whoever reads no more of it sees no difference.
   struct Selection {
     std::string_view key;
     std::span<const Selection> within = {};
+    std::size_t enough = std::string_view::npos;
   };
 
   // The members of one JSON text whose top level is an object; absent for every other text. With a

@@ -11,7 +11,7 @@
 
 namespace {
 
-using Selection = std::span<const Json::Selection>;  // empty: everything
+constexpr Json::Selection everything;
 
 bool isDigit(char c) {
   return c >= '0' && c <= '9';
@@ -80,6 +80,21 @@ bool isLiteralOrNumber(std::string_view token) {
   return token == "null" || token == "true" || token == "false" || numberForm(token).valid;
 }
 
+using Index = simdjson::internal::dom_parser_implementation;
+
+// Room for the index of a text of that size, empty or with another's index in it; null when there is none. It
+// is kept for the thread's next texts: fresh memory for each would cost as much as finding what to put there.
+Index* indexFor(std::size_t size) {
+  thread_local std::unique_ptr<Index> index;
+  if (!index || index->capacity() < size) {
+    const simdjson::implementation* implementation = simdjson::get_active_implementation();
+    const std::size_t capacity = std::max<std::size_t>(size, 64 * 1024);
+    if (implementation->create_dom_parser_implementation(capacity, 1, index) != simdjson::SUCCESS)
+      return nullptr;
+  }
+  return index.get();
+}
+
 // Walks one text along the positions of its structural characters and scalars, which simdjson finds (it has
 // then also checked the UTF-8, the quotes and the control characters in strings), building what is selected
 // and checking the rest.
@@ -90,17 +105,16 @@ class Parser {
     if (!JsonEscapes::areValid(text)) return;
     // Positions are 32 bits wide.
     if (text.size() > std::numeric_limits<std::uint32_t>::max() - 64) return;
-    const simdjson::implementation* implementation = simdjson::get_active_implementation();
+    Index* index = indexFor(text.size());
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
-    if (implementation->create_dom_parser_implementation(text.size(), 1, index_) == simdjson::SUCCESS &&
-        index_->stage1(bytes, text.size(), simdjson::stage1_mode::regular) == simdjson::SUCCESS) {
-      next_ = index_->structural_indexes.get();
-      end_ = next_ + index_->n_structural_indexes;
+    if (index && index->stage1(bytes, text.size(), simdjson::stage1_mode::regular) == simdjson::SUCCESS) {
+      next_ = index->structural_indexes.get();
+      end_ = next_ + index->n_structural_indexes;
     }
   }
 
-  std::optional<Json> build(Selection selection) {
-    auto root = value(0, selection);
+  std::optional<Json> build(const Json::Selection& selected) {
+    auto root = value(0, selected);
     return root && next_ == end_ ? std::move(root) : std::nullopt;
   }
 
@@ -130,51 +144,55 @@ class Parser {
     return token.substr(1, token.size() - 2);
   }
 
-  std::optional<Json> value(int depth, Selection selection) {
+  std::optional<Json> value(int depth, const Json::Selection& selected) {
     switch (peek()) {
       case '[':
-        return depth < Json::maxDepth ? array(depth + 1, selection) : std::nullopt;
+        return depth < Json::maxDepth ? array(depth + 1, selected) : std::nullopt;
       case '{':
-        return depth < Json::maxDepth ? object(depth + 1, selection) : std::nullopt;
+        return depth < Json::maxDepth ? object(depth + 1, selected) : std::nullopt;
       case '"':
-        return Json(JsonEscapes::resolved(takeContent()));
+        return Json(JsonEscapes::resolved(JsonEscapes::beginning(takeContent(), selected.enough)));
       default:
         return literalOrNumber(takeToken());
     }
   }
 
-  std::optional<Json> array(int depth, Selection selection) {
+  std::optional<Json> array(int depth, const Json::Selection& selected) {
     Json::Array elements;
     take('[');
     if (take(']')) return Json(std::move(elements));
     do {
-      auto element = value(depth, selection);
+      auto element = value(depth, selected);
       if (!element) return std::nullopt;
       elements.push_back(std::move(*element));
     } while (take(','));
     return take(']') ? std::optional<Json>(std::move(elements)) : std::nullopt;
   }
 
-  std::optional<Json> object(int depth, Selection selection) {
+  std::optional<Json> object(int depth, const Json::Selection& selected) {
     std::vector<Json::Member> members;
     take('{');
     if (take('}')) return Json(Json::Object());
-    members.reserve(selection.empty() ? 8 : selection.size());
+    members.reserve(selected.within.empty() ? 8 : selected.within.size());
     do {
-      if (peek() != '"' || !member(depth, selection, members)) return std::nullopt;
+      if (peek() != '"' || !member(depth, selected, members)) return std::nullopt;
     } while (take(','));
     return take('}') ? std::optional<Json>(Json::Object(std::move(members))) : std::nullopt;
   }
 
   // Takes one member, and appends it to `members` when it is selected.
-  bool member(int depth, Selection selection, std::vector<Json::Member>& members) {
+  bool member(int depth, const Json::Selection& selected, std::vector<Json::Member>& members) {
     std::string_view key = takeContent();
     std::string spelled;
     if (key.find('\\') != key.npos) key = spelled = JsonEscapes::resolved(key);
     if (!take(':')) return false;
-    auto chosen = std::ranges::find(selection, key, &Json::Selection::key);
-    if (!selection.empty() && chosen == selection.end()) return skip(depth);
-    auto built = value(depth, selection.empty() ? selection : chosen->within);
+    const Json::Selection* chosen = &everything;
+    if (!selected.within.empty()) {
+      auto found = std::ranges::find(selected.within, key, &Json::Selection::key);
+      if (found == selected.within.end()) return skip(depth);
+      chosen = &*found;
+    }
+    auto built = value(depth, *chosen);
     if (!built) return false;
     members.push_back({std::string(key), std::move(*built)});
     return true;
@@ -213,7 +231,6 @@ class Parser {
   }
 
   std::string_view text_;
-  std::unique_ptr<simdjson::internal::dom_parser_implementation> index_;
   const std::uint32_t* next_ = nullptr;
   const std::uint32_t* end_ = nullptr;
 };
@@ -221,11 +238,11 @@ class Parser {
 }  // namespace
 
 std::optional<Json> Json::parse(std::string_view text) {
-  return Parser(text).build({});
+  return Parser(text).build(everything);
 }
 
 std::optional<Json::Object> Json::parseObject(std::string_view text, std::span<const Selection> selection) {
-  auto json = Parser(text).build(selection);
+  auto json = Parser(text).build({.key = {}, .within = selection});
   auto* object = json ? std::get_if<Object>(&json->value_) : nullptr;
   return object ? std::optional<Object>(std::move(*object)) : std::nullopt;
 }

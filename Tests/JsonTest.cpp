@@ -102,7 +102,7 @@ TEST(Json, ReadsEscapesWhereverTheyStandInALongText) {
 
 TEST(Json, BuildsOnlyTheMembersThatAreSelected) {
   static constexpr Json::Selection blocks[] = {{"t"}};
-  static constexpr Json::Selection members[] = {{"a"}, {"list", blocks}};
+  static constexpr Json::Selection members[] = {{"a"}, {"list", blocks}, {"two", {}, 2}};
   const std::pair<const char*, std::string> rows[] = {
       {R"({"b":1,"a":{"x":[1,{"y":2}]},"c":[{"a":1}]})", R"({"a":{"x":[1,{"y":2}]}})"},
       {R"({"list":[{"t":1,"u":2},{"u":3},4,[{"u":5,"t":6}]]})", R"({"list":[{"t":1},{},4,[{"t":6}]]})"},
@@ -110,6 +110,10 @@ TEST(Json, BuildsOnlyTheMembersThatAreSelected) {
       {R"({"a":1,"\u0061":2,"b":3})", R"({"a":2})"},
       {R"({"a ":1," a":2,"\u0061b":3,"A":4})", "{}"},
       {R"({"b":"\"a\":1","a":0})", R"({"a":0})"},
+      {R"({"two":"ab"})", R"({"two":"ab"})"},
+      {R"({"two":" a\n\\b\u0301\ud83d\ude00 cd"})", "{\"two\":\" a\\n\\\\b\u0301\U0001F600 c\"}"},
+      {R"({"two":["abcd","é \t\u0061",{"two":"abcd"}]})", R"({"two":["abc","é \ta",{"two":"abcd"}]})"},
+      {R"({"two":"abcd\x"})", "malformed"},
       {R"({"a":1,"b":01})", "malformed"},
       {R"({"a":1,"b":nul})", "malformed"},
       {R"({"a":1,"b":"\x"})", "malformed"},

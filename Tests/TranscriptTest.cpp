@@ -337,7 +337,7 @@ TEST_F(TranscriptTest, LogsAFileThatCannotBeReadAndNothingElse) {
                         "\nhook.transcript error transcript read failed: " + sandbox_.root() + "\n");
 }
 
-TEST(MessageText, IsTheContentOrTheTextOfItsBlocks) {
+TEST_F(TranscriptTest, TakesAMessagesContentOrTheTextOfItsBlocks) {
   const std::string long1000 = std::string(1000, 'r');
   struct Row {
     const char* sentence;
@@ -373,6 +373,10 @@ TEST(MessageText, IsTheContentOrTheTextOfItsBlocks) {
        "[tool_result] " + long1000.substr(0, 400)},
       {"characters are counted, not bytes", result("\"" + repeated("é", 401) + "\""),
        "[tool_result] " + repeated("é", 400)},
+      {"escapes count as what they stand for", result("\"" + repeated(R"(\u0061\n)", 300) + "\""),
+       "[tool_result] " + repeated("a\n", 199) + "a"},
+      {"white space before the text does not count", result("\"" + repeated(R"( \n)", 900) + long1000 + "\""),
+       "[tool_result] " + long1000.substr(0, 400)},
       {"white space where the result is cut off goes at the very end",
        result("\"" + std::string(399, 'r') + "  x\""), "[tool_result] " + std::string(399, 'r')},
       {"a blank tool result is left out", result(R"(" \n")"), ""},
@@ -390,8 +394,12 @@ TEST(MessageText, IsTheContentOrTheTextOfItsBlocks) {
            R"({"type":"text","text":"a"},{"type":"tool_result","content":"b"},{"type":"tool_use","name":"C"})"),
        "a\n[tool_result] b\n[tool_use:C]"},
   };
-  for (const Row& row : rows)
+  for (const Row& row : rows) {
     EXPECT_EQ(Transcript::extractMessageText(parsed(row.message)), row.text) << row.sentence;
+    const std::string read =
+        call(R"({"type":"assistant","model":"m","message":)" + row.message + "}").responsePreview;
+    EXPECT_EQ(read, row.text) << row.sentence << ", in a file";
+  }
 }
 
 TEST(IntFrom, ReadsNumbersAndDecimalTexts) {
