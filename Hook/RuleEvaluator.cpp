@@ -27,7 +27,6 @@ std::optional<Verdict> checkRead(const std::string& filePath, const GuardConfig&
 Verdict checkToolUse(const std::string& toolName, const Json::Object& toolInput, const GuardConfig& config,
                      const std::string& cwd) {
   TimeBudget budget;
-  budget.start();
   std::optional<Verdict> verdict;
   if (toolName == "Bash") {
     verdict = checkCommand(toolInput.text("command"), config, budget);
@@ -38,6 +37,7 @@ Verdict checkToolUse(const std::string& toolName, const Json::Object& toolInput,
   } else if (toolName == "WebFetch") {
     verdict = checkNetworkAccess(toolInput.text("url"), config, budget);
   }
+  if (verdict && budget.spent()) verdict->message += " (takes too long to check)";
   return verdict.value_or(Verdict());
 }
 

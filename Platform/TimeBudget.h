@@ -1,5 +1,7 @@
-// The time that a number of searches may take together. Whoever draws on it decides what a search means that
-// could not be finished; the budget itself only measures, and stops what does not stop by itself.
+// The computing time that a number of searches may take together: this process's own and its children's. Time
+// in which they wait (for a disk, or for their turn on a busy machine) does not count. Whoever draws on the
+// budget decides what a search means that could not be finished; the budget only measures, and stops what
+// does not stop by itself.
 #pragma once
 
 #include <chrono>
@@ -11,20 +13,18 @@ class TimeBudget {
   using Clock = std::chrono::steady_clock;
   using Question = std::function<std::optional<bool>()>;
 
-  explicit TimeBudget(std::chrono::milliseconds total = std::chrono::milliseconds(1500)) : total_(total) {}
+  explicit TimeBudget(std::chrono::milliseconds total = std::chrono::milliseconds(1500));
 
-  // The clock starts with the first call of any of these.
-  void start() { end(); }
-  bool spent() { return Clock::now() >= end(); }
+  bool spent() const;
 
-  // The answer to a question that nothing bounds and that may even crash, asked in a child process that is
-  // killed when the budget ends. Absent when there is no answer by then, when the question has none, or when
-  // the child died over it. Where no child can be started, it is asked here.
+  // The answer to a question that only computes, that nothing bounds and that may even crash, asked in a
+  // child process that ends with the budget. Absent when there is no answer by then, when the question has
+  // none, or when the child died over it. Where no child can be started, it is asked here.
   std::optional<bool> ask(const Question& question);
 
  private:
-  Clock::time_point end();
+  std::chrono::microseconds left() const;
 
-  std::chrono::milliseconds total_;
-  std::optional<Clock::time_point> end_;
+  Clock::time_point earliestEnd_;
+  std::chrono::microseconds end_;  // as computing time of the process
 };

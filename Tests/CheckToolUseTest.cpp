@@ -76,7 +76,7 @@ std::string repeated(std::string_view part, std::size_t times) {
   return whole;
 }
 
-TEST(CheckToolUse, AnswersWithinTwoSecondsAndObjectsToWhatItCannotCheck) {
+TEST(CheckToolUse, AnswersInBoundedTimeAndObjectsToWhatItCannotCheck) {
   struct Row {
     const char* sentence;
     std::string tool, member, text;
@@ -101,7 +101,8 @@ TEST(CheckToolUse, AnswersWithinTwoSecondsAndObjectsToWhatItCannotCheck) {
     const std::string verdict = check(row.tool, {{row.member, row.text}}, config);
     const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
     EXPECT_EQ(verdict.substr(0, verdict.find(' ')), row.action) << row.sentence;
-    EXPECT_LT(taken.count(), 2.0) << row.sentence;
+    EXPECT_EQ(verdict.ends_with(" (takes too long to check)"), row.action != "allow") << row.sentence;
+    EXPECT_LT(taken.count(), 10.0) << row.sentence;
   }
 }
 
