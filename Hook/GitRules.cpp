@@ -8,23 +8,20 @@
 namespace RuleEvaluator {
 namespace {
 
-struct Mention {
-  bool mentions = false;
-  std::string branch;  // as written in the command
-};
-
-// The first word of the command, options left out, that is one of the protected branches.
-Mention commandMentionsProtected(std::string_view command, const std::vector<std::string>& protectedBranches,
-                                 TimeBudget& budget) {
+// The first word of the command, options left out, that is one of the protected branches; absent when none
+// is.
+std::optional<std::string> commandMentionsProtected(std::string_view command,
+                                                    const std::vector<std::string>& protectedBranches,
+                                                    TimeBudget& budget) {
   while (!command.empty()) {
     const std::string piece(command.substr(0, command.find(' ')));
     command.remove_prefix(std::min(piece.size() + 1, command.size()));
     if (piece.empty() || piece.starts_with('-')) continue;
     for (const std::string& branch : protectedBranches) {
-      if (fnmatchWrap(branch, piece, budget)) return {true, piece};
+      if (fnmatchWrap(branch, piece, budget)) return piece;
     }
   }
-  return {};
+  return std::nullopt;
 }
 
 Verdict objection(Verdict::Action action, std::string message) {
@@ -41,9 +38,9 @@ std::optional<Verdict> checkGitOperation(const std::string& command, const Guard
   PatternSubject subject(command, budget);
   const auto matches = [&](const GuardPattern& pattern) { return subject.matches(pattern); };
   // Asked before the expressions where both must hold: it is the cheaper question.
-  const Mention mention = commandMentionsProtected(command, config.git_protected_branches, budget);
+  const auto mention = commandMentionsProtected(command, config.git_protected_branches, budget);
 
-  if (config.git_block_force_push && mention.mentions &&
+  if (config.git_block_force_push && mention &&
       (matches(BuiltIn::gitForcePush) || matches(BuiltIn::gitForcePushLease))) {
     return objection(block, "Force push to protected branch blocked: " + shortened(command));
   }
@@ -56,8 +53,8 @@ std::optional<Verdict> checkGitOperation(const std::string& command, const Guard
   if (config.git_block_config_edit && matches(BuiltIn::gitConfigCmd)) {
     return objection(block, "git config modification blocked: " + shortened(command));
   }
-  if (mention.mentions && matches(BuiltIn::gitPush) && !subject.surelyMatches(BuiltIn::gitForcePush)) {
-    return objection(warn, "Push to protected branch '" + mention.branch + "' — confirm?");
+  if (mention && matches(BuiltIn::gitPush) && !subject.surelyMatches(BuiltIn::gitForcePush)) {
+    return objection(warn, "Push to protected branch '" + *mention + "' — confirm?");
   }
   if (matches(BuiltIn::gitBranchDelete)) {
     return objection(warn, "Force-deleting a branch: " + shortened(command));

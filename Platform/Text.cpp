@@ -194,8 +194,4 @@ bool contains(std::string_view text, std::string_view part) {
   return !part.empty() && memmem(text.data(), text.size(), part.data(), part.size()) != nullptr;
 }
 
-bool containsIgnoringCase(std::string_view text, std::string_view part) {
-  return contains(folded(text), folded(part));
-}
-
 }  // namespace Text

@@ -33,7 +33,4 @@ bool isAscii(std::string_view text);
 // Whether `part` stands in `text`, byte for byte, in time linear in both. An empty `part` never does.
 bool contains(std::string_view text, std::string_view part);
 
-// Whether `part` stands in `text` when both are case-folded. An empty `part` never does.
-bool containsIgnoringCase(std::string_view text, std::string_view part);
-
 }  // namespace Text

@@ -1,7 +1,6 @@
 #include "Hook/Handlers/GuardDecision.h"
 
 #include "Hook/Handlers/Steps.h"
-#include "Hook/SessionStore.h"
 #include "Platform/Clock.h"
 
 namespace EventRouter {
@@ -17,8 +16,6 @@ void emitGuardDecision(SessionState& state, const std::string& toolName, const G
                     {"position", state.span_count},
                     {"output", std::move(output)}};
   recordStep(state, std::move(step), client);
-  state.advancePosition();
-  SessionStore::save(state);
 }
 
 }  // namespace EventRouter

@@ -15,8 +15,7 @@ struct GuardDecision {
   std::string rule;       // which rule decided
 };
 
-// Sends the guard-decision step, then advances the position and saves the state. Does nothing without a run
-// or a configuration; never fails.
+// Records the guard-decision step. Does nothing without a run or a configuration; never fails.
 void emitGuardDecision(SessionState& state, const std::string& toolName, const GuardDecision& decision,
                        const ObserveClient& client);
 

@@ -54,10 +54,8 @@ Outcome handlePostToolUse(const Json::Object& data, const ObserveClient& client)
                                             {"source", "hook"},
                                             {"session_id", data.text("session_id")},
                                             {"timestamp", now}}}};
-  recordStep(*state, std::move(step), client);
   noteModifiedFile(*state, toolName, toolInput);
-  state->advancePosition();
-  SessionStore::save(*state);
+  recordStep(*state, std::move(step), client);
   return Allow{};
 }
 

@@ -36,7 +36,7 @@ constexpr SummaryRow summaries[] = {
 };
 
 std::string cut(std::string_view text, std::size_t limit) {
-  return std::string(limit < text.size() ? Text::prefix(text, limit) : text);
+  return std::string(Text::prefix(text, limit));
 }
 
 std::string summarizeGrep(const Json::Object& input) {
@@ -93,14 +93,14 @@ void emitStep(SessionState& state, const std::string& kind, Json::Object payload
   Json::Object step{{"step_name", "hook:" + kind}, {"position", state.span_count}};
   step.set("output", std::move(payload));
   recordStep(state, std::move(step), client);
-  state.advancePosition();
-  SessionStore::save(state);
 }
 
-void recordStep(const SessionState& state, Json::Object step, const ObserveClient& client) {
+void recordStep(SessionState& state, Json::Object step, const ObserveClient& client) {
   Json::Array steps;
   steps.emplace_back(std::move(step));
   client.recordSteps(state.run_id, std::move(steps));
+  state.advancePosition();
+  SessionStore::save(state);
 }
 
 void emitSpan(const SessionState& state, const Json::Object& span, const ObserveClient& client) {

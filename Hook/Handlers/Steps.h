@@ -12,13 +12,13 @@
 
 namespace EventRouter {
 
-// Sends the step "hook:KIND" with `payload` laid over its base members, after moving the session to today's
-// run; then advances the position and saves the state. Does nothing without a run or a configuration.
+// Records the step "hook:KIND" with `payload` laid over its base members, after moving the session to today's
+// run. Does nothing without a run or a configuration.
 void emitStep(SessionState& state, const std::string& kind, Json::Object payload,
               const ObserveClient& client);
 
-// Sends one step of the session's run, as it is.
-void recordStep(const SessionState& state, Json::Object step, const ObserveClient& client);
+// Sends one step of the session's run, as it is; then advances the position and saves the state.
+void recordStep(SessionState& state, Json::Object step, const ObserveClient& client);
 
 // Sends one span of the session's run.
 void emitSpan(const SessionState& state, const Json::Object& span, const ObserveClient& client);
