@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Hook/RuleEvaluator.h"
+#include "Tests/Support/Repeated.h"
 #include "Tests/Support/Sandbox.h"
 #include "Tests/Support/Verdicts.h"
 
@@ -67,13 +68,6 @@ TEST(CheckToolUse, ChecksTheBoundaryLastAndOnlyWhereItIsEnabled) {
   EXPECT_EQ(write("/proj/x"), allowed);
   EXPECT_EQ(write("/x", ""), allowed);
   EXPECT_EQ(check("Read", {{"file_path", "/x"}}, config), allowed);
-}
-
-std::string repeated(std::string_view part, std::size_t times) {
-  std::string whole;
-  for (std::size_t i = 0; i < times; ++i)
-    whole += part;
-  return whole;
 }
 
 TEST(CheckToolUse, AnswersInBoundedTimeAndObjectsToWhatItCannotCheck) {

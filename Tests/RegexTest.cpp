@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "Tests/Support/Repeated.h"
+
 namespace {
 
 using namespace std::chrono_literals;
@@ -71,13 +73,6 @@ TEST(Regex, MeansWhatIcuMeans) {
 TEST(Regex, MindsCaseWhenAsked) {
   EXPECT_EQ(search("readme", "README", Case::significant), false);
   EXPECT_EQ(search("README", "README", Case::significant), true);
-}
-
-std::string repeated(std::string_view part, std::size_t times) {
-  std::string whole;
-  for (std::size_t i = 0; i < times; ++i)
-    whole += part;
-  return whole;
 }
 
 TEST(Regex, GivesNoAnswerWhereNoneComesInTime) {

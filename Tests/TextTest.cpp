@@ -5,16 +5,11 @@
 #include <string>
 #include <vector>
 
+#include "Tests/Support/Repeated.h"
+
 namespace {
 
 using Text::Space;
-
-std::string repeated(std::string_view part, std::size_t times) {
-  std::string whole;
-  for (std::size_t i = 0; i < times; ++i)
-    whole += part;
-  return whole;
-}
 
 // The encoding of a code point of two or three bytes.
 std::string utf8(std::uint32_t point) {
