@@ -3,6 +3,7 @@
 #include "Platform/Clock.h"
 #include "Platform/Files.h"
 #include "Platform/Json.h"
+#include "Platform/Paths.h"
 #include "Platform/Process.h"
 #include "Platform/Url.h"
 
@@ -17,7 +18,7 @@ void record(const std::string& method, const std::string& url, int status, std::
   if (!summary.empty()) entry.set("summary", summary);
   if (error && !error->empty()) entry.set("error", *error);
 
-  const std::string directory = Process::home() + "/.obrisk/logs";
+  const std::string directory = Paths::inHome(".obrisk/logs");
   Files::makeDirectories(directory);
   Files::append(directory + "/hook.activity.jsonl", Json(std::move(entry)).compact() + "\n");
 }

@@ -1,6 +1,6 @@
 // The user's record of every request that the hook made: one JSON line for each attempt, appended to
-// `~/.obrisk/logs/hook.activity.jsonl`. Never fails visibly and never waits: a log that cannot be written is
-// left.
+// `~/.obrisk/logs/hook.activity.jsonl`. Never fails visibly: a log that cannot be written is left, and other
+// processes that are writing to it are waited for no longer than `Files::append` does.
 #pragma once
 
 #include <cstdint>

@@ -1,10 +1,9 @@
 #include "Hook/ClaudeInstaller.h"
 
-#include <algorithm>
 #include <array>
 #include <optional>
 #include <string_view>
-#include <utility>
+#include <vector>
 
 #include "Hook/HookFile.h"
 #include "Hook/TextualMember.h"
@@ -23,31 +22,31 @@ struct Event {
 // Not "WorktreeCreate": a hook for it takes the agent's place in creating the worktree and must answer with
 // its path.
 constexpr auto events = std::to_array<Event>({
-    {"SessionStart"},
-    {"SessionEnd"},
-    {"UserPromptSubmit"},
-    {"PreToolUse", true},
-    {"PostToolUse", true},
-    {"PostToolUseFailure", true},
-    {"PermissionRequest", true},
-    {"PermissionDenied", true},
-    {"Notification"},
-    {"SubagentStart"},
-    {"SubagentStop"},
-    {"Stop"},
-    {"StopFailure"},
-    {"PreCompact"},
-    {"PostCompact"},
-    {"TeammateIdle"},
-    {"TaskCreated"},
-    {"TaskCompleted"},
-    {"InstructionsLoaded"},
     {"ConfigChange"},
     {"CwdChanged"},
-    {"FileChanged"},
-    {"WorktreeRemove"},
     {"Elicitation"},
     {"ElicitationResult"},
+    {"FileChanged"},
+    {"InstructionsLoaded"},
+    {"Notification"},
+    {"PermissionDenied", true},
+    {"PermissionRequest", true},
+    {"PostCompact"},
+    {"PostToolUse", true},
+    {"PostToolUseFailure", true},
+    {"PreCompact"},
+    {"PreToolUse", true},
+    {"SessionEnd"},
+    {"SessionStart"},
+    {"Stop"},
+    {"StopFailure"},
+    {"SubagentStart"},
+    {"SubagentStop"},
+    {"TaskCompleted"},
+    {"TaskCreated"},
+    {"TeammateIdle"},
+    {"UserPromptSubmit"},
+    {"WorktreeRemove"},
 });
 
 // Longer than the hook ever takes: an agent that gives up on it lets pass what it was about to deny.
@@ -60,39 +59,48 @@ Json group(const Event& event, const std::string& command) {
   return group;
 }
 
+// Levels of two spaces each.
+constexpr std::size_t ofHooks = 2, ofEvent = 4, ofGroup = 6, ofCommand = 10;
+
 // The groups of one event without this hook's commands, and without the groups that had no others.
-Json::Array withoutOwn(const Json::Array& groups, const std::string& command) {
-  Json::Array kept;
-  for (const Json& group : groups) {
-    const Json::Object* members = group.asObject();
-    const Json::Array& commands = members ? members->list("hooks") : Json::Array{};
-    Json::Array others = HookFile::withoutOwn(commands, command);
-    if (others.size() == commands.size()) {
+std::vector<std::string> withoutOwn(const std::vector<std::string>& groups, const std::string& command) {
+  std::vector<std::string> kept;
+  for (const std::string& group : groups) {
+    auto commands = TextualMember::elements(TextualMember::find(group, "hooks").value_or(""));
+    const auto own = std::erase_if(commands, [&](const std::string& each) {
+      const auto entry = Json::parse(each);
+      return entry && HookFile::isOwn(*entry, command);
+    });
+    if (own == 0) {
       kept.push_back(group);
-    } else if (!others.empty()) {
-      Json::Object rest = *members;
-      rest.set("hooks", std::move(others));
-      kept.push_back(std::move(rest));
+    } else if (!commands.empty()) {
+      kept.push_back(TextualMember::set(group, "hooks", TextualMember::list(commands, ofCommand), ofCommand));
     }
   }
   return kept;
 }
 
 // `hooks` with this hook at the end of every event's list; absent when an event's value is no list.
-std::optional<Json::Object> merged(const Json::Object& hooks, const std::string& command) {
-  Json::Object result;
-  for (const auto& [name, value] : hooks) {
-    const Json::Array* groups = value.asList();
-    if (!groups) return std::nullopt;
-    Json::Array kept = withoutOwn(*groups, command);
-    if (groups->empty() || !kept.empty()) result.set(name, std::move(kept));
+std::optional<std::string> merged(std::string hooks, const std::string& command) {
+  const auto groupsOf = [&](std::string_view event) {
+    return TextualMember::elements(TextualMember::find(hooks, event).value_or(""));
+  };
+  const auto setGroups = [&](std::string_view event, const std::vector<std::string>& groups) {
+    hooks = TextualMember::set(hooks, event, TextualMember::list(groups, ofGroup), ofEvent);
+  };
+  const auto present = Json::parseObject(hooks);
+  if (!present) return std::nullopt;
+  for (const auto& [name, value] : *present) {
+    if (!value.asList()) return std::nullopt;
+    const auto groups = groupsOf(name), others = withoutOwn(groups, command);
+    if (others != groups) setGroups(name, others);
   }
   for (const Event& event : events) {
-    Json::Array groups = result.list(event.name);
-    groups.push_back(group(event, command));
-    result.set(event.name, std::move(groups));
+    auto groups = groupsOf(event.name);
+    groups.push_back(TextualMember::pretty(group(event, command), ofGroup));
+    setGroups(event.name, groups);
   }
-  return result;
+  return hooks;
 }
 
 }  // namespace
@@ -102,17 +110,16 @@ bool install(const std::string& binaryPath) {
   std::string text = "{}\n";
   if (HookFile::exists(settings)) {
     auto present = HookFile::read(settings);
-    if (!present) return false;
+    if (!present) return HookFile::refuse(settings, "the present file cannot be read");
     text = std::move(*present);
   }
-  const auto file = Json::parseObject(text);
-  if (!file) return HookFile::refuse(settings, "the present file is not a JSON object");
-  const Json* hooks = file->find("hooks");
-  if (hooks && !hooks->asObject()) return HookFile::refuse(settings, "its \"hooks\" is not an object");
+  if (!Json::parseObject(text)) return HookFile::refuse(settings, "the present file is not a JSON object");
+  const auto hooks = TextualMember::find(text, "hooks").value_or("{}");
+  if (!hooks.starts_with('{')) return HookFile::refuse(settings, "its \"hooks\" is not an object");
 
-  const auto result = merged(file->object("hooks"), "'" + binaryPath + "'");
+  const auto result = merged(std::string(hooks), "'" + binaryPath + "'");
   if (!result) return HookFile::refuse(settings, "an event in its \"hooks\" has no list");
-  return HookFile::replace(settings, TextualMember::set(text, "hooks", *result));
+  return HookFile::replace(settings, TextualMember::set(text, "hooks", *result, ofHooks));
 }
 
 }  // namespace ClaudeInstaller

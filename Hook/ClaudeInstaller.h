@@ -1,6 +1,6 @@
-// Registers the hook with Claude Code, in the user's settings. Everything else in that file stays as it was,
-// byte for byte; a file that cannot be understood is left alone. Why an installation failed is in the log
-// under "hook.claude".
+// Registers the hook with Claude Code, in the user's settings. What others have put into that file stays as
+// it is spelled; only white space around what is added or taken away is laid out anew. A file that cannot be
+// understood is left alone. Why an installation failed is in the log under "hook.claude".
 #pragma once
 
 #include <string>

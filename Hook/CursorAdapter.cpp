@@ -6,6 +6,7 @@
 
 #include "Hook/EventMapping.h"
 #include "Hook/HookFile.h"
+#include "Hook/TextualMember.h"
 
 namespace CursorAdapter {
 namespace {
@@ -77,7 +78,8 @@ std::string workingDirectory(const Json::Object& raw) {
   return texts && !texts->empty() ? texts->front() : "";
 }
 
-// The hooks of other tools in the present file, and whether they are all that it held beside ours.
+// The hooks of other tools in the present file, and whether rewriting them keeps all that it held beside
+// ours.
 struct Kept {
   Json::Object hooks;
   bool whole = true;
@@ -88,7 +90,7 @@ Kept keepOthers(std::string_view text, std::string_view command) {
   const Json* hooks = file ? file->find("hooks") : nullptr;
   if (!hooks || !hooks->asObject()) return {{}, file && file->empty()};
 
-  Kept kept;
+  Kept kept{{}, TextualMember::survivesRewriting(text)};
   for (const auto& [key, value] : *file) {
     kept.whole = kept.whole && (key == "hooks" || (key == "version" && value.asInteger() == 1));
   }
@@ -98,7 +100,8 @@ Kept keepOthers(std::string_view text, std::string_view command) {
       kept.whole = false;
       continue;
     }
-    Json::Array others = HookFile::withoutOwn(*entries, command);
+    Json::Array others = *entries;
+    std::erase_if(others, [&](const Json& entry) { return HookFile::isOwn(entry, command); });
     if (!others.empty()) kept.hooks.set(event, std::move(others));
   }
   return kept;
@@ -144,9 +147,8 @@ bool install(const std::string& binaryPath) {
   Json::Object hooks;
   if (HookFile::exists(hookFile)) {
     const auto text = HookFile::read(hookFile);
-    if (!text) return false;
-    Kept kept = keepOthers(*text, command);
-    if (!kept.whole && !HookFile::backUp(hookFile, *text)) return false;
+    Kept kept = text ? keepOthers(*text, command) : Kept{{}, false};
+    if (!kept.whole && !HookFile::backUp(hookFile, text)) return false;
     hooks = std::move(kept.hooks);
   }
   for (const std::string_view event : registeredEvents) {

@@ -2,25 +2,27 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <iterator>
 #include <system_error>
 
 #include "Platform/Files.h"
 #include "Platform/Log.h"
+#include "Platform/Paths.h"
 #include "Platform/Process.h"
 
 namespace HookFile {
 namespace {
 
 constexpr std::string_view executableName = "quib-hook";
+constexpr std::string_view notRegular = "it is not a regular file";
 constexpr int maxLinks = 40;
 constexpr int maxBackups = 100;
 
 std::string path(const File& file) {
-  return Process::home() + "/" + std::string(file.place);
+  return Paths::inHome(file.place);
 }
 
-// Where the file really is, also when the last link of a chain leads to a file that is yet to be created.
+// Where the file really is, also when the last link of a chain leads to a file that is yet to be created; a
+// link when they lead in a circle.
 std::string target(const File& file) {
   std::filesystem::path at = path(file);
   std::error_code error;
@@ -28,13 +30,6 @@ std::string target(const File& file) {
     at = at.parent_path() / std::filesystem::read_symlink(at, error);
   }
   return at.string();
-}
-
-bool isOwn(const Json& entry, std::string_view command) {
-  const Json::Object* members = entry.asObject();
-  if (!members) return false;
-  const std::string& present = members->text("command");
-  return present == command || present.find(executableName) != std::string::npos;
 }
 
 }  // namespace
@@ -55,29 +50,33 @@ bool exists(const File& file) {
 }
 
 std::optional<std::string> read(const File& file) {
-  auto text = Files::read(path(file));
-  if (!text) refuse(file, "the present file cannot be read");
-  return text;
+  return Files::read(path(file));
 }
 
-bool backUp(const File& file, std::string_view text) {
+bool backUp(const File& file, const std::optional<std::string>& text) {
+  const std::string place = target(file);
+  const auto mode = Files::mode(place);
+  if (!mode) return refuse(file, notRegular);
   const std::string first = path(file) + ".bak";
   std::string copy = first;
   for (int number = 2; Files::exists(copy); ++number) {
     if (number > maxBackups) return refuse(file, "too many backups of it are kept");
     copy = first + "." + std::to_string(number);
   }
-  const auto error = Files::write(copy, text, Files::mode(target(file)).value_or(0600));
+  const auto error = text ? Files::write(copy, *text, *mode) : Files::move(place, copy);
   return !error || refuse(file, "the present file cannot be backed up: " + error.message());
 }
 
 bool replace(const File& file, std::string_view text) {
   const std::string place = target(file);
   const auto mode = Files::mode(place);
-  if (!mode && Files::exists(place)) return refuse(file, "it is not a regular file");
+  if (!mode && Files::exists(place)) return refuse(file, notRegular);
+  std::error_code error;
+  if (std::filesystem::is_symlink(place, error)) return refuse(file, "Too many levels of symbolic links");
 
   Files::makeDirectories(place.substr(0, place.rfind('/')));
-  if (const auto error = Files::write(place, text, mode.value_or(0600))) return refuse(file, error.message());
+  error = Files::write(place, text, mode.value_or(0600) | 0400);
+  if (error) return refuse(file, error.message());
   Log::info(file.category, "installed " + std::string(file.agent) + " hooks at " + path(file));
   return true;
 }
@@ -93,11 +92,11 @@ const Json::Array* objects(const Json& value) {
   return all ? list : nullptr;
 }
 
-Json::Array withoutOwn(const Json::Array& entries, std::string_view command) {
-  Json::Array others;
-  std::ranges::copy_if(entries, std::back_inserter(others),
-                       [&](const Json& entry) { return !isOwn(entry, command); });
-  return others;
+bool isOwn(const Json& entry, std::string_view command) {
+  const Json::Object* members = entry.asObject();
+  if (!members) return false;
+  const std::string& present = members->text("command");
+  return present == command || present.find(executableName) != std::string::npos;
 }
 
 }  // namespace HookFile

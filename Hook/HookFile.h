@@ -1,5 +1,6 @@
 // The files in which agents list their hooks, as the installers read, back up and replace them. Replacing is
 // one step: a kill leaves the old file or the new one. What prevents it is logged, and the old file stays.
+// Only regular files are replaced, and links that lead to one or to nothing.
 #pragma once
 
 #include <optional>
@@ -22,15 +23,17 @@ bool accepts(const File& file, const std::string& binaryPath);
 
 bool exists(const File& file);
 
-// The whole content; absent, and logged, when the file cannot be read.
+// The whole content; absent when the file cannot be read.
 std::optional<std::string> read(const File& file);
 
 // Copies `text`, the file's content, to a new file beside it, named after it with ".bak" (".bak.2" if that is
-// taken, and so on). False, and logged, when that failed.
-bool backUp(const File& file, std::string_view text);
+// taken, and so on); a file whose content cannot be read is itself renamed so. False, and logged, when that
+// failed.
+bool backUp(const File& file, const std::optional<std::string>& text);
 
-// Replaces the file (or what it links to) by one with this content and the mode of the old one, 0600 when
-// there was none. Directories are created as needed. Logs the success, or the failure and returns false.
+// Replaces the file (or what it links to) by one with this content and the mode of the old one, which its
+// user can read in any case, or 0600 when there was none. Directories are created as needed. Logs the
+// success, or the failure and returns false.
 bool replace(const File& file, std::string_view text);
 
 // Logs `why` the file was not written. Returns false.
@@ -39,8 +42,8 @@ bool refuse(const File& file, std::string_view why);
 // The list's elements when all of them are objects; absent for every other value.
 const Json::Array* objects(const Json& value);
 
-// `entries` without those whose "command" starts this hook, wherever its executable is and whatever its
-// options: any that contains the executable's name, and `command` itself.
-Json::Array withoutOwn(const Json::Array& entries, std::string_view command);
+// Whether the entry's "command" starts this hook, wherever its executable is and whatever its options: it
+// contains the executable's name, or is `command` itself.
+bool isOwn(const Json& entry, std::string_view command);
 
 }  // namespace HookFile

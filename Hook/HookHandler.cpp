@@ -4,7 +4,7 @@
 
 #include "Platform/Files.h"
 #include "Platform/Json.h"
-#include "Platform/Process.h"
+#include "Platform/Paths.h"
 
 namespace HookHandler {
 namespace {
@@ -41,7 +41,7 @@ std::optional<std::string> projectGuardPath(const std::string& cwd) {
 }  // namespace
 
 GuardConfig loadEffectiveConfig(const std::string& cwd) {
-  const std::string userDirectory = Process::home() + "/.obrisk";
+  const std::string userDirectory = Paths::inHome(".obrisk");
   GuardConfig config = controlPlaneLayer(userDirectory);
   if (const auto user = readObject(userDirectory + "/guard.json")) config = applyOverrides(config, *user);
   if (const auto path = projectGuardPath(cwd)) {

@@ -4,6 +4,7 @@
 
 #include "Platform/Files.h"
 #include "Platform/Json.h"
+#include "Platform/Paths.h"
 #include "Platform/Process.h"
 #include "Platform/Text.h"
 
@@ -12,7 +13,7 @@ namespace LLMCallDedupe {
 namespace {
 
 std::string directory() {
-  std::string base = Process::home() + "/.obrisk/cc-dedupe";
+  std::string base = Paths::inHome(".obrisk/cc-dedupe");
   std::string key = Process::environment("OBRISK_PROJECT_KEY").value_or("");
   std::string_view project = Text::trim(key, Text::Space::blanks);
   return project.empty() ? base : base + "/" + std::string(project);

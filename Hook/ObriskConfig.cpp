@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Platform/Files.h"
+#include "Platform/Paths.h"
 #include "Platform/Process.h"
 #include "Platform/Text.h"
 #include "Platform/Utf8.h"
@@ -89,7 +90,7 @@ std::string failDefault(const std::string& fromProfile) {
 
 ObriskHookConfig::Profiles ObriskHookConfig::parseConfigFile() {
   Profiles profiles;
-  const auto content = Files::read(Process::home() + "/.obrisk/config");
+  const auto content = Files::read(Paths::inHome(".obrisk/config"));
   if (!content || !Utf8::isValid(*content)) return profiles;
   std::map<std::string, std::string>* section = nullptr;
   for (std::string_view rest = *content; !rest.empty();) {

@@ -45,10 +45,11 @@ std::int64_t elapsedSince(std::chrono::steady_clock::time_point start) {
       .count();
 }
 
-// Sends a list that is not empty, moved all the way, for a list can hold a whole prompt.
+// Sends a list that is not empty, moved all the way, for a list can hold a whole prompt. The machine is asked
+// for its id only when there is somebody to tell it to.
 std::optional<Json::Object> recordList(const ObserveClient& client, const std::string& path,
                                        const char* member, const char* singular, Json::Array list) {
-  if (list.empty()) return std::nullopt;
+  if (list.empty() || !client.config.isConfigured()) return std::nullopt;
   const std::string summary = counted(list.size(), singular);
   Json::Object body{{"hardware_uuid", HardwareID::uuid()}};
   body.set(member, std::move(list));

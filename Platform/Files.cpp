@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 
 #include "Platform/Descriptor.h"
@@ -53,26 +54,28 @@ bool endsTorn(const Descriptor& file) {
          ::pread(file.get(), &last, 1, attributes->st_size - 1) == 1 && last != '\n';
 }
 
+// How often, for a millisecond each, this process has waited for a lock, and how often it may.
+std::atomic<int> waits = 0;
+constexpr int mostWaits = 100;
+
 // Released when the file is closed.
 bool lock(const Descriptor& file, int kind) {
-  return ::flock(file.get(), kind | LOCK_NB) == 0;
+  while (::flock(file.get(), kind | LOCK_NB) != 0) {
+    if (errno != EWOULDBLOCK || waits >= mostWaits) return false;
+    ++waits;
+    ::usleep(1'000);
+  }
+  return true;
 }
 
 // A record that another process is writing shows its first part early and looks like a torn line. So writers
-// share a lock, and only who has it alone believes in the tear. Nobody waits for it for long.
-constexpr int lockTries = 20;
-
-void lockForWriting(const Descriptor& file) {
-  for (int i = 0; i < lockTries && !lock(file, LOCK_SH) && errno == EWOULDBLOCK; ++i)
-    ::usleep(1'000);
-}
-
-bool isTorn(const Descriptor& file) {
-  for (int i = 0; i < lockTries && endsTorn(file); ++i) {
-    if (lock(file, LOCK_EX)) return endsTorn(file);
-    lockForWriting(file);  // asking for more has given up the share
-    ::usleep(1'000);
-  }
+// share a lock, and only who has it alone believes in the tear. Who does not get it in time writes all the
+// same.
+bool lockedAndTorn(const Descriptor& file) {
+  lock(file, LOCK_SH);
+  if (!endsTorn(file)) return false;
+  if (lock(file, LOCK_EX)) return endsTorn(file);
+  lock(file, LOCK_SH);  // asking for more has given up the share
   return false;
 }
 
@@ -126,11 +129,14 @@ std::error_code move(const std::string& from, const std::string& to) {
 }
 
 bool append(const std::string& path, std::string_view record) {
-  Descriptor file(::open(cPath(path), O_RDWR | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY,
-                         S_IRUSR | S_IWUSR));
+  const auto open = [&](int access) {
+    return ::open(cPath(path), access | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0600);
+  };
+  int descriptor = open(O_RDWR);
+  if (descriptor < 0 && errno == EACCES) descriptor = open(O_WRONLY);
+  const Descriptor file(descriptor);
   if (!regularFile(file)) return false;
-  lockForWriting(file);
-  std::string whole = isTorn(file) ? "\n" + std::string(record) : std::string(record);
+  const std::string whole = (lockedAndTorn(file) ? "\n" : "") + std::string(record);
   return ::write(file.get(), whole.data(), whole.size()) == static_cast<ssize_t>(whole.size());
 }
 

@@ -42,8 +42,9 @@ std::error_code write(const std::string& path, std::string_view bytes, unsigned 
 std::error_code move(const std::string& from, const std::string& to);
 
 // Appends `record` (which ends with a line feed) in one write to a file that is created with mode 0600 when
-// missing. A torn last line left by an earlier failure is ended first. False when it could not be written
-// whole.
+// missing. A torn last line left by an earlier failure is ended first, unless the user may not read the file.
+// For others that write to it, all of a process's records together wait for about 100 ms at most. False when
+// it could not be written whole.
 bool append(const std::string& path, std::string_view record);
 
 bool remove(const std::string& path);  // false when it was not removed

@@ -21,14 +21,13 @@ void write(Level level, std::string_view category, std::string_view message) {
 #include "Platform/Clock.h"
 #include "Platform/Files.h"
 #include "Platform/Json.h"
+#include "Platform/Paths.h"
 #include "Platform/Process.h"
 
 namespace Log {
 
 void write(Level level, std::string_view category, std::string_view message) {
-  std::string home = Process::home();
-  if (home.empty()) return;
-  std::string directory = home + "/.obrisk/logs";
+  const std::string directory = Paths::inHome(".obrisk/logs");
   Files::makeDirectories(directory);
   Json record(Json::Object{{"category", category},
                            {"level", level == Level::error ? "error" : "default"},

@@ -47,6 +47,12 @@ std::string resolved(const std::string& path) {
 
 }  // namespace
 
+std::string inHome(std::string_view place) {
+  std::string home = Process::home();
+  if (home.empty()) home = std::string(1, '\0');  // no file has a NUL in its name
+  return home.append("/").append(place);
+}
+
 std::string expandTilde(std::string_view path) {
   if (!path.starts_with('~')) return std::string(path);
   std::size_t end = std::min(path.find('/'), path.size());

@@ -6,6 +6,10 @@
 
 namespace Paths {
 
+// The path of what lies at `place` below the current user's home directory. When nobody knows that directory,
+// it is a path that no file has, whatever is appended to it.
+std::string inHome(std::string_view place);
+
 // A lone leading tilde, or one before "/", stands for the current user's home directory, one before a user
 // name for that user's. An unknown user's tilde stays.
 std::string expandTilde(std::string_view path);

@@ -18,8 +18,7 @@ std::string lookUp() {
   if (Files::exists(tool)) {
     return uuidIn(Process::run(tool, {"-rd1", "-c", "IOPlatformExpertDevice"}).value_or(""));
   }
-  const std::string content = Files::read(machineId).value_or("");
-  return content.substr(0, content.find('\n'));
+  return idIn(Files::read(machineId).value_or(""));
 }
 
 // The text between the first `= "` and the quote after it; absent unless both are there.
@@ -38,6 +37,11 @@ std::optional<std::string_view> quotedValue(std::string_view line) {
 const std::string& uuid() {
   static const std::string cached = lookUp();
   return cached;
+}
+
+std::string idIn(std::string_view machineIdFile) {
+  const auto line = machineIdFile.substr(0, machineIdFile.find('\n'));
+  return line == "uninitialized" ? "" : std::string(line);
 }
 
 std::string uuidIn(std::string_view ioregOutput) {

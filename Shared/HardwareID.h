@@ -10,6 +10,10 @@ namespace HardwareID {
 // installation. Looked up once in a process, a failed look-up included.
 const std::string& uuid();
 
+// The id in the content of the file in which the installation keeps it: its first line; empty as long as that
+// says that there is none yet.
+std::string idIn(std::string_view machineIdFile);
+
 // The UUID in what `ioreg` prints for the platform expert device; empty when no line holds one, or when the
 // output is not UTF-8.
 std::string uuidIn(std::string_view ioregOutput);

@@ -1,7 +1,6 @@
 #include "Hook/ActivityLog.h"
 
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -16,7 +15,6 @@ namespace {
 class ActivityLogTest : public testing::Test {
  protected:
   std::string log() const { return Files::read(sandbox.activityLog()).value_or(""); }
-  std::string obrisk() const { return sandbox.home() + "/.obrisk"; }
 
   Sandbox sandbox;
 };
@@ -70,37 +68,6 @@ TEST_F(ActivityLogTest, SixtyFourProcessesAtOnceNeverInterleaveALine) {
     distinct.emplace(line.integer("ms"), line.integer("status"));
   }
   EXPECT_EQ(distinct.size(), lines.size());
-}
-
-TEST_F(ActivityLogTest, ALogThatCannotBeWrittenNeitherFailsNorWaits) {
-  const auto record = [] { ActivityLog::record("POST", "u", 200, 1, 2, "", std::nullopt); };
-  Files::makeDirectories(obrisk());
-  const std::string directory = obrisk() + "/logs";
-
-  ASSERT_EQ(::symlink((obrisk() + "/nowhere").c_str(), directory.c_str()), 0);
-  record();
-  EXPECT_FALSE(Files::exists(obrisk() + "/nowhere")) << "a dangling link is left as it is";
-
-  Files::remove(directory);
-  sandbox.write(directory, "a file");
-  record();
-  EXPECT_EQ(Files::read(directory), "a file");
-
-  Files::remove(directory);
-  Files::makeDirectories(sandbox.activityLog());
-  record();  // a directory in the file's place
-
-  ASSERT_EQ(::rmdir(sandbox.activityLog().c_str()), 0);
-  ASSERT_EQ(::mkfifo(sandbox.activityLog().c_str(), 0600), 0);
-  record();  // nobody reads the FIFO
-
-  Files::remove(sandbox.activityLog());
-  ASSERT_EQ(::symlink("/dev/full", sandbox.activityLog().c_str()), 0);
-  record();
-
-  Files::remove(sandbox.activityLog());
-  record();
-  EXPECT_EQ(jsonLines(sandbox.activityLog()).size(), 1u) << "and then it goes on";
 }
 
 }  // namespace

@@ -10,87 +10,74 @@ namespace {
 
 const std::string binary = "/opt/tools/quib-hook";
 
-std::string claudeFile(const Sandbox& sandbox) {
-  return sandbox.home() + "/.claude/settings.json";
-}
+class ClaudeSettings : public testing::Test {
+ protected:
+  std::string file() const { return sandbox.home() + "/.claude/settings.json"; }
+  std::string settings() const { return contentOf(file()); }
+  Json::Object hooks() const { return parsed(settings()).object("hooks"); }
 
-Json::Object hooksIn(const Sandbox& sandbox) {
-  return parsed(contentOf(claudeFile(sandbox))).object("hooks");
-}
-
-std::string text(const Json& value) {
-  return value.compact();
-}
-
-TEST(ClaudeInstaller, MatchesEveryToolAndNothingElse) {
   Sandbox sandbox;
+};
+
+TEST_F(ClaudeSettings, MatchesEveryToolAndNothingElse) {
   ASSERT_TRUE(ClaudeInstaller::install(binary));
-  const std::string toolGroup =
-      R"([{"hooks":[{"command":"'\/opt\/tools\/quib-hook'","timeout":1320,"type":"command"}],"matcher":"*"}])";
-  const std::string group =
-      R"([{"hooks":[{"command":"'\/opt\/tools\/quib-hook'","timeout":1320,"type":"command"}]}])";
+  const std::string command =
+      R"([{"hooks":[{"command":"'\/opt\/tools\/quib-hook'","timeout":1320,"type":"command"}])";
   const std::set<std::string> toolEvents{"PreToolUse", "PostToolUse", "PostToolUseFailure",
                                          "PermissionRequest", "PermissionDenied"};
-  const Json::Object hooks = hooksIn(sandbox);
-  EXPECT_EQ(hooks.size(), 25u);
-  EXPECT_FALSE(hooks.find("WorktreeCreate")) << "a hook would have to create the worktree itself";
-  for (const auto& [event, groups] : hooks)
-    EXPECT_EQ(text(groups), toolEvents.contains(event) ? toolGroup : group) << event;
+  EXPECT_EQ(hooks().size(), 25u);
+  EXPECT_FALSE(hooks().find("WorktreeCreate")) << "a hook would have to create the worktree itself";
+  for (const auto& [event, groups] : hooks())
+    EXPECT_EQ(groups.compact(), command + (toolEvents.contains(event) ? R"(,"matcher":"*"}])" : "}]"))
+        << event;
   for (const std::string& event : toolEvents)
-    EXPECT_TRUE(hooks.find(event)) << event;
+    EXPECT_TRUE(hooks().find(event)) << event;
+  EXPECT_EQ(settings(), Json(parsed(settings())).pretty() + "\n") << "a new file is laid out like any other";
 }
 
 // Under an event that this hook does not register, so that only what was there shows.
-TEST(ClaudeInstaller, KeepsTheCommandsOfOtherTools) {
+TEST_F(ClaudeSettings, KeepsTheCommandsOfOtherToolsAsTheyAreSpelled) {
+  const char* same = nullptr;
   const struct {
     const char* sentence;
     const char* before;
-    const char* after;  // empty: the event is dropped
+    const char* after;
   } rows[] = {
-      {"another tool's group stays as it is",
-       R"([{"matcher":"Bash","hooks":[{"type":"command","command":"lint","timeout":5}]}])",
-       R"([{"hooks":[{"command":"lint","timeout":5,"type":"command"}],"matcher":"Bash"}])"},
+      {"another tool's group", R"([{"matcher":"Bash","hooks":[{"type":"command","command":"/lint"}]}])",
+       same},
       {"an older command leaves its group",
-       R"([{"matcher":"*","hooks":[{"command":"quib-hook --x"},{"command":"lint"}]}])",
-       R"([{"hooks":[{"command":"lint"}],"matcher":"*"}])"},
+       R"([{"matcher":"*","hooks":[{"command":"quib-hook --x"},{"command":"l","n":1e400}],"n":1.50}])",
+       R"([
+      {"matcher":"*","hooks":[
+          {"command":"l","n":1e400}
+        ],"n":1.50}
+    ])"},
       {"a group that it leaves empty goes",
-       R"([{"hooks":[{"command":"a"}]},{"matcher":"*","hooks":[{"command":"/a/quib-hook"}]}])",
-       R"([{"hooks":[{"command":"a"}]}])"},
-      {"an event that it leaves empty goes", R"([{"hooks":[{"command":"/a/quib-hook"}]}])", ""},
-      {"what was empty before stays", R"([{"hooks":[]},{}])", R"([{"hooks":[]},{}])"},
-      {"an empty event stays", "[]", "[]"},
-      {"what is not understood stays",
-       R"(["quib-hook",{"hooks":"quib-hook"},{"hooks":["quib-hook",{"command":7}]}])",
-       R"(["quib-hook",{"hooks":"quib-hook"},{"hooks":["quib-hook",{"command":7}]}])"},
+       R"([{"hooks":[{"command":"a"}]} , {"matcher":"*","hooks":[{"command":"/a/quib-hook"}]}])",
+       R"([
+      {"hooks":[{"command":"a"}]}
+    ])"},
+      {"an event that it leaves empty", R"([{"hooks":[{"command":"/a/quib-hook"}]}])", "[]"},
+      {"what was empty before", R"([{"hooks":[]},{}])", same},
+      {"an empty event", "[ ]", same},
+      {"what is not understood",
+       R"(["quib-hook",{"hooks":"quib-hook"},{"hooks":["quib-hook",{"command":7}]}])", same},
+      {"what would not survive rewriting",
+       R"([{"n":[9223372036854775808,1e400,0.10],"s":"\ud800\/ ]}\"","d":1, "d":[{}, 2]}])", same},
+      {"what another event of the same name hides", R"([1,[],"WorktreeCreate"],"WorktreeCreate":[])", same},
   };
-  for (const auto& row : rows) {
-    Sandbox sandbox;
-    sandbox.write(claudeFile(sandbox), std::string(R"({"hooks":{"WorktreeCreate":)") + row.before + "}}");
-    ASSERT_TRUE(ClaudeInstaller::install(binary)) << row.sentence;
-    const Json::Object hooks = hooksIn(sandbox);
-    const Json* foreign = hooks.find("WorktreeCreate");
-    EXPECT_EQ(foreign ? text(*foreign) : "", row.after) << row.sentence;
-    EXPECT_EQ(hooks.size(), foreign ? 26u : 25u) << row.sentence;
+  for (const auto& [sentence, before, after] : rows) {
+    const std::string start = R"({"hooks":{"WorktreeCreate":)";
+    sandbox.write(file(), start + before + "}}");
+    ASSERT_TRUE(ClaudeInstaller::install(binary)) << sentence;
+    EXPECT_TRUE(settings().starts_with(start + (after ? after : before) + ",\n")) << sentence << settings();
+    EXPECT_EQ(hooks().size(), 26u) << sentence;
   }
 }
 
-TEST(ClaudeInstaller, ComesAfterOtherToolsInTheSameEvent) {
-  Sandbox sandbox;
-  sandbox.write(
-      claudeFile(sandbox),
-      R"({"hooks":{"Stop":[{"hooks":[{"command":"/old/quib-hook"}]},{"hooks":[{"command":"a"}]}]}})");
-  ASSERT_TRUE(ClaudeInstaller::install(binary));
-  EXPECT_EQ(
-      text(hooksIn(sandbox).list("Stop")),
-      R"([{"hooks":[{"command":"a"}]},{"hooks":[{"command":"'\/opt\/tools\/quib-hook'","timeout":1320,"type":"command"}]}])");
-}
-
-// "@" stands where the value of "hooks" is written.
-TEST(ClaudeInstaller, LeavesEveryOtherByteOfTheFile) {
-  const struct {
-    const char* before;
-    const char* after;
-  } rows[] = {
+// "@" stands for what is written; in the last row for the group of this hook, after those of other tools.
+TEST_F(ClaudeSettings, LeavesEveryOtherByteOfTheFile) {
+  const std::pair<const char*, const char*> rows[] = {
       {"{}", "{\n  \"hooks\": @\n}"},
       {" { \n } \n", " {\n  \"hooks\": @\n} \n"},
       {"{\"a\":1}", "{\"a\":1,\n  \"hooks\": @}"},
@@ -103,22 +90,22 @@ TEST(ClaudeInstaller, LeavesEveryOtherByteOfTheFile) {
       {"{\"a\":{\"b\":[\"]}\",{}]},\"h\\u006foks\":{}}", "{\"a\":{\"b\":[\"]}\",{}]},\"h\\u006foks\":@}"},
       {"{\"hooks\":1,\"a\":null,\"hooks\":{}}", "{\"hooks\":1,\"a\":null,\"hooks\":@}"},
       {"{\"a\":true\n,\"b\":false}", "{\"a\":true\n,\"b\":false,\n  \"hooks\": @}"},
+      {"{\"hooks\":{\"Stop\":[{\"hooks\":[{\"command\":\"/old/quib-hook\"}]},{\"hooks\" : []}]}}",
+       "{\"hooks\":{\"Stop\":[\n      {\"hooks\" : []},\n      @\n    ],\n    \"ConfigChange\": @}}"},
   };
-  for (const auto& row : rows) {
-    Sandbox sandbox;
-    sandbox.write(claudeFile(sandbox), row.before);
-    ASSERT_TRUE(ClaudeInstaller::install(binary)) << row.before;
-    const std::string after = contentOf(claudeFile(sandbox)), expected = row.after;
-    const std::size_t at = expected.find('@');
-    EXPECT_EQ(after.substr(0, at), expected.substr(0, at));
-    EXPECT_TRUE(after.ends_with(expected.substr(at + 1))) << after;
-    EXPECT_EQ(parsed(after).object("hooks").size(), 25u) << after;
+  for (const auto& [before, after] : rows) {
+    sandbox.write(file(), before);
+    ASSERT_TRUE(ClaudeInstaller::install(binary)) << before;
+    const std::string first = settings(), expected = after;
+    EXPECT_TRUE(first.starts_with(expected.substr(0, expected.find('@')))) << first;
+    EXPECT_TRUE(first.ends_with(expected.substr(expected.rfind('@') + 1))) << first;
+    EXPECT_EQ(hooks().size(), 25u) << first;
     EXPECT_TRUE(ClaudeInstaller::install(binary));
-    EXPECT_EQ(contentOf(claudeFile(sandbox)), after);
+    EXPECT_EQ(settings(), first);
   }
 }
 
-TEST(ClaudeInstaller, LeavesAFileAloneThatItCannotUnderstand) {
+TEST_F(ClaudeSettings, LeavesAFileAloneThatItCannotUnderstand) {
   const std::pair<const char*, const char*> rows[] = {
       {"", "the present file is not a JSON object"},
       {R"({"hooks":{},})", "the present file is not a JSON object"},
@@ -130,10 +117,9 @@ TEST(ClaudeInstaller, LeavesAFileAloneThatItCannotUnderstand) {
       {R"({"hooks":{"NoSuchEvent":"a"}})", "an event in its \"hooks\" has no list"},
   };
   for (const auto& [before, why] : rows) {
-    Sandbox sandbox;
-    sandbox.write(claudeFile(sandbox), before);
+    sandbox.write(file(), before);
     EXPECT_FALSE(ClaudeInstaller::install(binary)) << before;
-    EXPECT_EQ(contentOf(claudeFile(sandbox)), before);
+    EXPECT_EQ(settings(), before);
     const Json::Object record = jsonLines(sandbox.diagnostics()).back();
     EXPECT_EQ(record.text("level") + " " + record.text("category"), "error hook.claude");
     EXPECT_EQ(record.text("message"), std::string("failed to write ~/.claude/settings.json: ") + why);

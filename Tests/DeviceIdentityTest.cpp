@@ -1,6 +1,7 @@
 #include "Shared/DeviceIdentity.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include "Platform/Files.h"
 #include "Shared/HardwareID.h"
@@ -140,6 +141,32 @@ TEST(HardwareIDTest, TheUuidIsTheFirstQuotedValueOfItsLine) {
   };
   for (const auto& [output, uuid] : rows)
     EXPECT_EQ(HardwareID::uuidIn(output), uuid) << output;
+}
+
+TEST(HardwareIDTest, AnInstallationThatHasNoIdYetHasNone) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"3d1219c7\n", "3d1219c7"}, {"1a\n2b\n", "1a"}, {"1a", "1a"},
+      {"uninitialized\n", ""},    {"\n", ""},         {"", ""},
+  };
+  for (const auto& [content, id] : rows)
+    EXPECT_EQ(HardwareID::idIn(content), id) << content;
+}
+
+// Where no file can be opened, looking it up finds nothing, and keeps that.
+TEST(HardwareIDTest, NobodyLooksUpAnIdThatNobodyIsTold) {
+  const std::string id = HardwareID::idIn(Files::read("/etc/machine-id").value_or(""));
+  if (id.empty()) GTEST_SKIP() << "this machine has no id that could be looked up";
+  EXPECT_TRUE(inChildProcess([&] {
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none{0, limit.rlim_max};
+    ::setrlimit(RLIMIT_NOFILE, &none);
+    const ObserveClient unconfigured;
+    unconfigured.recordSteps("run", {Json::Object{}});
+    unconfigured.recordLLMCalls("run", {Json::Object{}});
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+    return HardwareID::uuid() == id;
+  }));
 }
 
 TEST(HardwareIDTest, TheMachineKeepsItsId) {

@@ -9,8 +9,15 @@
 
 #include <filesystem>
 
+#include "Hook/ActivityLog.h"
+#include "Hook/ClaudeInstaller.h"
+#include "Hook/CopilotAdapter.h"
+#include "Hook/CursorAdapter.h"
+#include "Hook/HookHandler.h"
+#include "Hook/LLMCallDedupe.h"
 #include "Hook/SessionStore.h"
 #include "Platform/Files.h"
+#include "Platform/Log.h"
 #include "Tests/Support/Events.h"
 #include "Tests/Support/SessionFixture.h"
 
@@ -18,10 +25,10 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr uid_t nobody = 65534;
-
 class FileFaults : public SessionFixture {
  protected:
+  FileFaults() { sandbox.write(sandbox.root() + "/transcript", transcriptOf(1)); }
+
   std::vector<Json::Object> events() const {
     return everyEvent(sandbox.project(), sandbox.root() + "/transcript");
   }
@@ -36,105 +43,123 @@ class FileFaults : public SessionFixture {
     }
   }
 
-  void become(uid_t user) {
-    sandbox.inChild = [user] {
-      if (::setgid(user) != 0 || ::setuid(user) != 0) ::_exit(126);
-    };
+  void expectNoTemporaryFile(const std::string& directory) {
+    for (const std::string& name : Sandbox::tree(directory))
+      EXPECT_EQ(name.find(Files::temporaryPrefix), name.npos) << "a temporary file was left";
   }
 
-  bool mayBecomeAnother() const {
-    // The executable may lie where only this user finds it.
-    if (::geteuid() != 0) return false;
-    for (fs::path each = QUIB_HOOK_EXECUTABLE; each != each.parent_path(); each = each.parent_path())
-      if ((fs::status(each).permissions() & fs::perms::others_exec) == fs::perms::none) return false;
-    return true;
+  // Whether the next event's first line in the log is one of its own, however the last one ended.
+  bool nextLineIsWhole(const std::string& log) {
+    const std::string before = contentOf(log);
+    EXPECT_EQ(sandbox.run({}, event("UserPromptSubmit")).status, 0);
+    return contentOf(log).substr(before.size()).starts_with(before.ends_with('\n') ? "{" : "\n{");
   }
 
-  void give(const std::string& path, uid_t user, mode_t mode) {
-    ASSERT_EQ(::chown(path.c_str(), user, user), 0);
-    ASSERT_EQ(::chmod(path.c_str(), mode), 0);
+  void configureByEnvironment(const std::string& home) {
+    sandbox.set("HOME", home);
+    sandbox.set("OBRISK_API_URL", plane.url());
+    sandbox.set("OBRISK_API_KEY", "key");
   }
 };
 
-TEST_F(FileFaults, AStateDirectoryThatIsNoneTakesNothingAndLosesNothing) {
-  sandbox.configure(plane.url());
-  const std::string state = sandbox.state(), beside = sandbox.root() + "/beside";
-  const std::pair<const char*, std::function<void()>> rows[] = {
-      {"a file", [&] { sandbox.write(state, "kept"); }},
-      {"a dangling link", [&] { fs::create_symlink(beside, state); }},
-      {"a link to itself", [&] { fs::create_symlink(state, state); }},
-      {"a link to a file",
-       [&] {
-         sandbox.write(beside, "kept");
-         fs::create_symlink(beside, state);
-       }},
-      {"a device", [&] { fs::create_symlink("/dev/null", state); }},
+TEST_F(FileFaults, AHomeOrAStateDirectoryThatIsNoneLosesNothing) {
+  const std::string home = sandbox.root() + "/other", state = sandbox.state(),
+                    beside = sandbox.root() + "/beside";
+  const std::string logs = home + "/.obrisk/logs", log = logs + "/hook.activity.jsonl";
+  const auto file = [this](const std::string& path) { sandbox.write(path, "kept"); };
+  const auto directory = [](const std::string& path) { fs::create_directories(path); };
+  const auto linkTo = [](const std::string& target) {
+    return [target](const fs::path& path) {
+      fs::create_directories(path.parent_path());
+      fs::create_symlink(target, path);
+    };
   };
-  for (const auto& [name, damage] : rows) {
-    damage();
-    const auto before = fs::symlink_status(state).type();
+  const auto fifo = [](const fs::path& path) {
+    fs::create_directories(path.parent_path());
+    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  };
+  const struct {
+    const char* name;
+    std::string place;
+    std::function<void(const std::string& path)> damage;
+  } rows[] = {
+      {"no home", home, [](const std::string&) {}},
+      {"a home that is a file", home, file},
+      {"a home that links to itself", home, linkTo(home)},
+      {"a file where the logs go", logs, file},
+      {"a dangling link where the logs go", logs, linkTo(beside)},
+      {"a directory where the log goes", log, directory},
+      {"a FIFO that nobody reads where the log goes", log, fifo},
+      {"a full device where the log goes", log, linkTo("/dev/full")},
+      {"a directory where the profiles are", home + "/.obrisk/config", directory},
+      {"a file where the record of calls goes", home + "/.obrisk/cc-dedupe", file},
+      {"a state directory that is a file", state, file},
+      {"a state directory that is a dangling link", state, linkTo(beside)},
+      {"a state directory that links to itself", state, linkTo(state)},
+      {"a state directory that links to a file", state, linkTo(sandbox.root() + "/transcript")},
+      {"a state directory that is a device", state, linkTo("/dev/null")},
+  };
+  configureByEnvironment(home);
+  const std::string transcript = contentOf(sandbox.root() + "/transcript");
+  for (const auto& [name, place, damage] : rows) {
+    damage(place);
+    const auto before = fs::symlink_status(place).type();
+    const auto completed = plane.requests("*/complete/").size();
     play(name);
-    EXPECT_EQ(fs::symlink_status(state).type(), before) << name;
-    std::error_code ignored;
-    if (fs::is_regular_file(state, ignored)) {
-      EXPECT_EQ(contentOf(state), "kept") << name;
+    // Without a state directory a session's end is that of an unknown one.
+    EXPECT_EQ(plane.requests("*/complete/").size() - completed, place == state ? 0u : 1u) << name;
+    if (before != fs::file_type::not_found) {
+      EXPECT_EQ(fs::symlink_status(place).type(), before) << name;
     }
-    fs::remove(state);
-    fs::remove(beside);
+    if (before == fs::file_type::regular) {
+      EXPECT_EQ(contentOf(place), "kept") << name;
+    }
+    EXPECT_FALSE(Files::exists(beside)) << name;
+    for (const std::string& each : {home, state})
+      fs::remove_all(each);
   }
+  EXPECT_EQ(contentOf(sandbox.root() + "/transcript"), transcript);
 }
 
-TEST_F(FileFaults, ALinkInPlaceOfASessionsFileIsReplacedAndItsTargetKept) {
-  sandbox.configure(plane.url());
-  const std::string target = sandbox.root() + "/target";
-  ASSERT_FALSE(SessionStore::save(started()));
-  fs::rename(sandbox.stateFile("s"), target);
-  fs::create_symlink(target, sandbox.stateFile("s"));
-  const std::string before = contentOf(target);
-  EXPECT_EQ(sandbox.run({}, event("UserPromptSubmit")).status, 0);
-  EXPECT_EQ(contentOf(target), before);
-  EXPECT_FALSE(fs::is_symlink(sandbox.stateFile("s")));
-  EXPECT_EQ(stored().span_count, 1);
-}
-
-TEST_F(FileFaults, AHomeThatIsNoneOrMayNotBeWritten) {
-  const std::string home = sandbox.root() + "/other";
-  const std::pair<const char*, std::function<void()>> rows[] = {
-      {"missing", [&] {}},
-      {"a file", [&] { sandbox.write(home, "kept"); }},
-      {"a link to itself", [&] { fs::create_symlink(home, home); }},
-      {"a file where the logs go", [&] { sandbox.write(home + "/.obrisk/logs", "kept"); }},
-      {"a directory where the log goes",
-       [&] { fs::create_directories(home + "/.obrisk/logs/hook.activity.jsonl"); }},
-      {"a directory where the profiles are", [&] { fs::create_directories(home + "/.obrisk/config"); }},
-      {"a directory where the record of calls goes", [&] { sandbox.write(home + "/.obrisk/cc-dedupe", ""); }},
-  };
-  sandbox.set("HOME", home);
-  sandbox.set("OBRISK_API_URL", plane.url());
-  sandbox.set("OBRISK_API_KEY", "key");
-  sandbox.write(sandbox.root() + "/transcript", transcriptOf(1));
-  for (const auto& [name, damage] : rows) {
-    damage();
-    const auto before = plane.requests("*/complete/").size();
-    play(name);
-    EXPECT_EQ(plane.requests("*/complete/").size(), before + 1) << name << ": not recorded as ever";
-    fs::remove_all(home);
+// The root of the file system, where "/.obrisk" would be, is the sandbox; no user database is there.
+TEST_F(FileFaults, AHomeThatNobodyKnowsIsNotTheRoot) {
+  if (::geteuid() != 0) GTEST_SKIP() << "only root can give a process another root";
+  sandbox.write(sandbox.root() + "/.obrisk/config", "[claude-code]\napi_url = http://u\napi_key = k\n");
+  sandbox.write(sandbox.root() + "/.obrisk/guard.json", R"({"git_block_hard_reset":false})");
+  sandbox.write(sandbox.root() + "/.obrisk/cc-dedupe/run.json", R"(["a"])");
+  const auto before = Sandbox::tree(sandbox.root());
+  for (const char* home : {static_cast<const char*>(nullptr), ""}) {
+    EXPECT_TRUE(inChildProcess([&] {
+      if (::chroot(sandbox.root().c_str()) != 0 || ::chdir("/project") != 0) return false;
+      home ? sandbox.set("HOME", home) : sandbox.unset("HOME");
+      ActivityLog::record("POST", "http://u", 200, 1, 2, "", std::nullopt);
+      Log::error("hook", "a message");
+      LLMCallDedupe::save("other", {"a"});
+      return !ObriskHookConfig::load(std::nullopt, "claude", "none").isConfigured() &&
+             LLMCallDedupe::load("run").empty() &&
+             HookHandler::loadEffectiveConfig("").git_block_hard_reset &&
+             !CursorAdapter::install("/quib-hook") && !CopilotAdapter::install("/quib-hook") &&
+             !ClaudeInstaller::install("/quib-hook");
+    })) << (home ? "empty" : "not set");
+    EXPECT_EQ(Sandbox::tree(sandbox.root()), before);
   }
 }
 
 TEST_F(FileFaults, AnotherUsersDirectories) {
-  if (!mayBecomeAnother())
-    GTEST_SKIP() << "only root, with an executable that others reach, can become another";
+  // The executable may lie where only this user finds it.
+  bool reachable = ::geteuid() == 0;
+  for (fs::path each = QUIB_HOOK_EXECUTABLE; each != each.parent_path(); each = each.parent_path())
+    reachable = reachable && (fs::status(each).permissions() & fs::perms::others_exec) != fs::perms::none;
+  if (!reachable) GTEST_SKIP() << "only root, with an executable that others reach, can become another";
   sandbox.configure(plane.url());
-  const std::string config = sandbox.home() + "/.obrisk/config";
-  give(sandbox.root(), 0, 0755);
-  give(sandbox.home(), 0, 0755);
-  give(sandbox.home() + "/.obrisk", 0, 0755);
-  give(config, 0, 0644);
   ASSERT_FALSE(Files::makeDirectories(sandbox.state()));
-  give(sandbox.state(), 0, 0755);
   sandbox.write(sandbox.stateFile("other"), "kept");
-  become(nobody);
+  for (const std::string& path : {sandbox.root(), sandbox.home(), sandbox.home() + "/.obrisk",
+                                  sandbox.home() + "/.obrisk/config", sandbox.state()})
+    fs::permissions(path, fs::perms(0755));
+  sandbox.inChild = [] {
+    if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(126);
+  };
   play("a home and a state directory of another user");
   EXPECT_EQ(Sandbox::tree(sandbox.state()), std::vector<std::string>{"other.json"});
   EXPECT_EQ(contentOf(sandbox.stateFile("other")), "kept");
@@ -144,7 +169,6 @@ TEST_F(FileFaults, AnotherUsersDirectories) {
 // The signal that a file beyond its limit raises would end the process unanswered.
 TEST_F(FileFaults, AFileSizeLimitEndsNeitherTheProcessNorAFile) {
   sandbox.configure(plane.url());
-  sandbox.write(sandbox.root() + "/transcript", transcriptOf(3));
   for (rlim_t bytes : {200, 300, 400, 600}) {
     ASSERT_FALSE(SessionStore::save(started()));
     sandbox.inChild = [bytes] {
@@ -163,8 +187,9 @@ TEST_F(FileFaults, AFileSizeLimitEndsNeitherTheProcessNorAFile) {
         EXPECT_TRUE(SessionStore::load("s")) << "the record was lost over " << each.text("hook_event_name");
       }
     }
-    for (const std::string& name : Sandbox::tree(sandbox.state()))
-      EXPECT_EQ(name.find(".quib-"), name.npos) << "a temporary file was left";
+    expectNoTemporaryFile(sandbox.state());
+    sandbox.inChild = nullptr;
+    EXPECT_TRUE(nextLineIsWhole(sandbox.activityLog())) << bytes;
     fs::remove_all(sandbox.home() + "/.obrisk/logs");
   }
 }
@@ -192,10 +217,8 @@ TEST_F(FileFaults, AFullDiskKeepsTheOldRecordAndWholeLines) {
   const std::string disk = sandbox.root() + "/disk";
   const Disk mount(disk, "size=64k");
   if (!mount.mounted()) GTEST_SKIP() << "only root, where it may mount, can fill a disk of its own";
-  sandbox.set("HOME", disk);
+  configureByEnvironment(disk);
   sandbox.set("OBRISK_CC_STATE_DIR", disk + "/state");
-  sandbox.set("OBRISK_API_URL", plane.url());
-  sandbox.set("OBRISK_API_KEY", "key");
   ASSERT_FALSE(SessionStore::save(started()));
   const std::string log = disk + "/.obrisk/logs/hook.activity.jsonl";
   ASSERT_FALSE(Files::makeDirectories(disk + "/.obrisk/logs"));
@@ -210,13 +233,9 @@ TEST_F(FileFaults, AFullDiskKeepsTheOldRecordAndWholeLines) {
     EXPECT_EQ(stored().session_id, "s");
   }
   fs::remove(disk + "/fill");
-  EXPECT_EQ(sandbox.run({}, event("UserPromptSubmit")).status, 0);
-  const std::string lines = contentOf(log);
-  const std::string last = lines.substr(lines.rfind('\n', lines.size() - 2) + 1);
-  EXPECT_TRUE(Json::parseObject(last)) << "the line after the disk was full: " << last;
+  EXPECT_TRUE(nextLineIsWhole(log));
   EXPECT_EQ(stored().span_count, 1);
-  for (const std::string& name : Sandbox::tree(disk))
-    EXPECT_EQ(name.find(".quib-"), name.npos) << "a temporary file was left";
+  expectNoTemporaryFile(disk);
 }
 
 }  // namespace

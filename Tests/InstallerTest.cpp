@@ -2,7 +2,6 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <set>
 
 #include "Hook/ClaudeInstaller.h"
 #include "Hook/CopilotAdapter.h"
@@ -14,81 +13,88 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const std::string binary = "/opt/tools/quib-hook";
-const std::string cursorCommand = "'/opt/tools/quib-hook' --app cursor --profile cursor";
-const std::string copilotCommand = "'/opt/tools/quib-hook' --app copilot --profile copilot";
-
 using Names = std::vector<std::string>;
 
-std::string cursorFile(const Sandbox& sandbox) {
-  return sandbox.home() + "/.cursor/hooks.json";
-}
-std::string copilotFile(const Sandbox& sandbox) {
-  return sandbox.home() + "/.copilot/hooks/obrisk.json";
-}
-std::string claudeFile(const Sandbox& sandbox) {
-  return sandbox.home() + "/.claude/settings.json";
-}
-
-Json::Object readFile(const std::string& path) {
-  return parsed(contentOf(path));
-}
-
-std::string text(const Json& value) {
-  return value.compact();
-}
-
-// The last diagnostics record: its level, category and message.
-Names lastRecord(const Sandbox& sandbox) {
-  const auto records = jsonLines(sandbox.diagnostics());
-  if (records.empty()) return {};
-  return {records.back().text("level"), records.back().text("category"), records.back().text("message")};
-}
-
-std::set<std::string> namesOf(const Json::Object& object) {
-  std::set<std::string> names;
-  for (const auto& [name, value] : object)
-    names.insert(name);
-  return names;
-}
+const std::string binary = "/opt/tools/quib-hook";
 
 struct Agent {
   const char* name;
   bool (*install)(const std::string& binaryPath);
-  std::string (*file)(const Sandbox& sandbox);
-  const char* category;
-  const char* place;  // as messages name the file
+  std::string place;
+  std::string category;
+
+  fs::path file(const Sandbox& sandbox) const { return sandbox.home() + place; }
 };
 
-const Agent agents[] = {
-    {"Cursor", CursorAdapter::install, cursorFile, "hook.cursor", "~/.cursor/hooks.json"},
-    {"Copilot", CopilotAdapter::install, copilotFile, "hook.copilot", "~/.copilot/hooks/obrisk.json"},
-    {"Claude Code", ClaudeInstaller::install, claudeFile, "hook.claude", "~/.claude/settings.json"},
-};
+const Agent cursor{"Cursor", CursorAdapter::install, "/.cursor/hooks.json", "hook.cursor"};
+const Agent copilot{"Copilot", CopilotAdapter::install, "/.copilot/hooks/obrisk.json", "hook.copilot"};
+const Agent claude{"Claude Code", ClaudeInstaller::install, "/.claude/settings.json", "hook.claude"};
+const Agent agents[] = {cursor, copilot, claude};
 
-TEST(Installers, SayWhereTheyInstalledAndInstallOnce) {
-  for (const Agent& agent : agents) {
-    Sandbox sandbox;
-    const std::string path = agent.file(sandbox);
-    ASSERT_TRUE(agent.install(binary)) << agent.name;
-    EXPECT_EQ(lastRecord(sandbox), (Names{"default", agent.category,
-                                          "installed " + std::string(agent.name) + " hooks at " + path}));
-    EXPECT_EQ(Files::mode(path), 0600u) << agent.name;
-
-    const std::string first = contentOf(path);
-    EXPECT_TRUE(agent.install(binary)) << agent.name;
-    EXPECT_EQ(contentOf(path), first) << agent.name;
-    EXPECT_EQ(Sandbox::tree(fs::path(path).parent_path()), Names{fs::path(path).filename()}) << agent.name;
-  }
+Json::Object hooksIn(const std::string& path) {
+  return parsed(contentOf(path)).object("hooks");
 }
 
-TEST(Installers, InstallOnceWhateverTheExecutableIsCalled) {
-  for (const Agent& agent : agents) {
+// The last diagnostics record.
+std::string lastRecord(const Sandbox& sandbox) {
+  const auto records = jsonLines(sandbox.diagnostics());
+  if (records.empty()) return "";
+  const Json::Object& last = records.back();
+  return last.text("level") + " " + last.text("category") + " " + last.text("message");
+}
+
+std::string failed(const Agent& agent, const std::string& why) {
+  return "error " + agent.category + " failed to write ~" + agent.place + ": " + why;
+}
+
+TEST(Installers, SayWhereTheyInstalledAndInstallOnce) {
+  for (const Agent& agent : agents)
+    for (const std::string executable : {binary.c_str(), "/opt/guard"}) {
+      Sandbox sandbox;
+      const fs::path path = agent.file(sandbox);
+      ASSERT_TRUE(agent.install(executable)) << agent.name;
+      EXPECT_EQ(lastRecord(sandbox),
+                "default " + agent.category + " installed " + agent.name + " hooks at " + path.string());
+      EXPECT_EQ(Files::mode(path), 0600u) << agent.name;
+      const std::string first = contentOf(path);
+      EXPECT_TRUE(agent.install(executable)) << agent.name;
+      EXPECT_EQ(contentOf(path), first) << agent.name;
+      EXPECT_EQ(Sandbox::tree(path.parent_path()), Names{path.filename()}) << agent.name;
+    }
+}
+
+TEST(Installers, RegisterTheirEvents) {
+  const struct {
+    const Agent& agent;
+    Json entry;
+    Json::Object file;  // without the hooks
+    Names events;
+  } rows[] = {
+      {cursor,
+       Json::Object{{"command", "'/opt/tools/quib-hook' --app cursor --profile cursor"}},
+       {{"version", 1}},
+       {"sessionStart", "beforeSubmitPrompt", "preToolUse", "postToolUse", "beforeShellExecution",
+        "afterShellExecution", "beforeMCPExecution", "afterAgentResponse", "subagentStart", "subagentStop",
+        "stop", "sessionEnd"}},
+      {copilot,
+       Json::Object{{"type", "command"},
+                    {"command", "'/opt/tools/quib-hook' --app copilot --profile copilot"}},
+       {{"version", 1}, {"disableAllHooks", false}},
+       {"sessionStart", "userPromptSubmitted", "preToolUse", "postToolUse", "postToolUseFailure",
+        "subagentStart", "subagentStop", "agentStop", "sessionEnd", "notification"}},
+  };
+  for (const auto& row : rows) {
     Sandbox sandbox;
-    ASSERT_TRUE(agent.install("/opt/guard")) << agent.name;
-    const std::string first = contentOf(agent.file(sandbox));
-    EXPECT_TRUE(agent.install("/opt/guard")) << agent.name;
-    EXPECT_EQ(contentOf(agent.file(sandbox)), first) << agent.name;
+    const fs::path path = row.agent.file(sandbox), other = path.parent_path() / "other.json";
+    sandbox.write(path, R"({"version":3,"hooks":{"stop":[{"command":"/old/quib-hook"}]},"note":1})");
+    sandbox.write(other, "{}");
+    ASSERT_TRUE(row.agent.install(binary)) << row.agent.name;
+    Json::Object expected = row.file, hooks;
+    for (const std::string& event : row.events)
+      hooks.set(event, Json::Array{row.entry});
+    expected.set("hooks", std::move(hooks));
+    EXPECT_EQ(contentOf(path), Json(expected).pretty()) << row.agent.name;
+    EXPECT_EQ(contentOf(other), "{}") << row.agent.name;
   }
 }
 
@@ -102,35 +108,55 @@ TEST(Installers, RefuseAPathThatNoCommandLineCanName) {
     for (const auto& [path, why] : rows) {
       Sandbox sandbox;
       EXPECT_FALSE(agent.install(path)) << agent.name << ": " << why;
-      EXPECT_EQ(lastRecord(sandbox),
-                (Names{"error", agent.category, "failed to write " + std::string(agent.place) + ": " + why}));
+      EXPECT_EQ(lastRecord(sandbox), failed(agent, why));
       EXPECT_FALSE(Files::exists(agent.file(sandbox))) << agent.name << ": " << why;
     }
 }
 
-TEST(Installers, ReportAFileThatCannotBeWritten) {
-  for (const Agent& agent : agents) {
-    Sandbox sandbox;
-    const fs::path directory = fs::path(agent.file(sandbox)).parent_path();
-    sandbox.write(directory, "a file where a directory should be");
-    EXPECT_FALSE(agent.install(binary)) << agent.name;
-    EXPECT_EQ(lastRecord(sandbox),
-              (Names{"error", agent.category,
-                     "failed to write " + std::string(agent.place) + ": Not a directory"}));
-    EXPECT_EQ(contentOf(directory), "a file where a directory should be");
-  }
+// All that there is in a directory, told apart by its kind.
+Names kindsIn(const fs::path& directory) {
+  Names found;
+  for (const std::string& name : Sandbox::tree(directory))
+    found.push_back(name + " " +
+                    std::to_string(static_cast<int>(fs::symlink_status(directory / name).type())));
+  return found;
 }
 
-TEST(Installers, ReplaceNothingButRegularFiles) {
-  for (const Agent& agent : agents) {
-    Sandbox sandbox;
-    const fs::path path = agent.file(sandbox);
-    fs::create_directories(path.parent_path());
-    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
-    EXPECT_FALSE(agent.install(binary)) << agent.name;
-    EXPECT_EQ(lastRecord(sandbox).front(), "error") << agent.name;
-    EXPECT_TRUE(fs::is_fifo(path)) << agent.name;
-  }
+TEST(Installers, LeaveWhatCannotBeReplaced) {
+  const struct {
+    std::string why;
+    std::function<void(const fs::path& path)> damage;
+  } rows[] = {
+      {"it is not a regular file", [](const fs::path& path) { ::mkfifo(path.c_str(), 0600); }},
+      {"it is not a regular file", [](const fs::path& path) { fs::create_directory(path); }},
+      {"it is not a regular file",
+       [](const fs::path& path) { fs::create_symlink(path.parent_path(), path); }},
+      {"Too many levels of symbolic links", [](const fs::path& path) { fs::create_symlink(path, path); }},
+      {"Too many levels of symbolic links",
+       [](const fs::path& path) {
+         fs::create_symlink("second", path);
+         fs::create_symlink("third", path.parent_path() / "second");
+         fs::create_symlink(path, path.parent_path() / "third");
+       }},
+      {"Not a directory",
+       [](const fs::path& path) {
+         fs::remove(path.parent_path());
+         ASSERT_FALSE(Files::write(path.parent_path(), "a file"));
+       }},
+  };
+  for (const Agent& agent : agents)
+    for (const auto& row : rows) {
+      Sandbox sandbox;
+      const fs::path path = agent.file(sandbox);
+      fs::create_directories(path.parent_path());
+      row.damage(path);
+      const Names before = kindsIn(path.parent_path().parent_path());
+      const bool isRead = agent.name == claude.name && Files::exists(path);
+      EXPECT_FALSE(agent.install(binary)) << agent.name << ": " << row.why;
+      EXPECT_EQ(lastRecord(sandbox), failed(agent, isRead ? "the present file cannot be read" : row.why));
+      fs::remove_all(sandbox.home() + "/.obrisk");
+      EXPECT_EQ(kindsIn(path.parent_path().parent_path()), before) << agent.name << ": " << row.why;
+    }
 }
 
 TEST(Installers, KeepTheModeOfTheFileAndTheLinkToIt) {
@@ -142,31 +168,32 @@ TEST(Installers, KeepTheModeOfTheFileAndTheLinkToIt) {
     fs::create_directories(path.parent_path());
     fs::create_symlink(real, path.parent_path() / "middle");
     fs::create_symlink("middle", path);
-    EXPECT_TRUE(agent.install(binary)) << agent.name;
-    EXPECT_TRUE(fs::is_symlink(path)) << agent.name;
-    EXPECT_FALSE(readFile(real).object("hooks").empty()) << agent.name;
-    EXPECT_EQ(Files::mode(real), 0640u) << agent.name;
-
-    fs::remove_all(real.parent_path());  // the link now leads nowhere
-    EXPECT_TRUE(agent.install(binary)) << agent.name;
-    EXPECT_TRUE(fs::is_symlink(path)) << agent.name;
-    EXPECT_FALSE(readFile(real).object("hooks").empty()) << agent.name;
+    for (const unsigned mode : {0640u, 0600u}) {
+      EXPECT_TRUE(agent.install(binary)) << agent.name;
+      EXPECT_TRUE(fs::is_symlink(path)) << agent.name;
+      EXPECT_FALSE(hooksIn(real).empty()) << agent.name;
+      EXPECT_EQ(Files::mode(real), mode) << agent.name;
+      fs::remove_all(real.parent_path());  // the link now leads nowhere
+    }
   }
 }
 
-TEST(CursorInstaller, RegistersItsEventsInANewFile) {
-  Sandbox sandbox;
-  ASSERT_TRUE(CursorAdapter::install(binary));
-  const Json::Object file = readFile(cursorFile(sandbox));
-  EXPECT_EQ(namesOf(file), (std::set<std::string>{"hooks", "version"}));
-  EXPECT_EQ(text(*file.find("version")), "1");
-  EXPECT_EQ(
-      namesOf(file.object("hooks")),
-      (std::set<std::string>{"sessionStart", "beforeSubmitPrompt", "preToolUse", "postToolUse",
-                             "beforeShellExecution", "afterShellExecution", "beforeMCPExecution",
-                             "afterAgentResponse", "subagentStart", "subagentStop", "stop", "sessionEnd"}));
-  for (const auto& [event, entries] : file.object("hooks"))
-    EXPECT_EQ(entries, Json(Json::Array{Json::Object{{"command", cursorCommand}}})) << event;
+TEST(Installers, LoseNothingThatTheyMayNotRead) {
+  const struct {
+    const Agent& agent;
+    bool installed;
+    std::string keptAs;
+  } rows[] = {{cursor, true, ".bak"}, {copilot, true, ""}, {claude, false, ""}};
+  for (const auto& [agent, installed, keptAs] : rows) {
+    Sandbox sandbox;
+    const std::string path = agent.file(sandbox), before = R"({"hooks":{"stop":[{"command":"mine"}]}})";
+    sandbox.write(path, before);
+    fs::permissions(path, fs::perms::none);
+    EXPECT_EQ(sandbox.asOwner([&] { return agent.install(binary); }), installed) << agent.name;
+    EXPECT_EQ(sandbox.asOwner([&] { return Files::read(path).has_value(); }), installed) << agent.name;
+    fs::permissions(path + keptAs, fs::perms::owner_read);
+    EXPECT_EQ(contentOf(path + keptAs) == before, agent.name != copilot.name) << agent.name;
+  }
 }
 
 // What becomes of the list of one event; every row stands alone under an event that this hook registers
@@ -178,8 +205,9 @@ TEST(CursorInstaller, KeepsTheEntriesOfOtherTools) {
     const char* after;  // without this hook's own; empty: the event is dropped
     bool losesContent = false;
   } rows[] = {
-      {"another tool's entry stays as it is", R"([{"command":"lint","timeout":5}])",
-       R"([{"command":"lint","timeout":5}])"},
+      {"another tool's entry stays as it is",
+       R"([{"command":"/lint","timeout":5,"s":"\uD83D\uDE00 \u0001�"}])",
+       R"([{"command":"\/lint","s":"😀 \u0001�","timeout":5}])"},
       {"an older entry goes, whatever its place and options",
        R"([{"command":"a"},{"command":"/usr/bin/quib-hook --app cursor"},{"command":"b"}])",
        R"([{"command":"a"},{"command":"b"}])"},
@@ -191,25 +219,31 @@ TEST(CursorInstaller, KeepsTheEntriesOfOtherTools) {
       {"a value that is no list is dropped", R"("quib")", "", true},
       {"a list that holds more than objects is dropped", R"([{"command":"a"},"b"])", "", true},
       {"an empty list is dropped", "[]", ""},
+      {"an integer is rounded", R"([{"n":[12345678901234567890]}])", R"([{"n":[12345678901234567168]}])",
+       true},
+      {"a number is cut", R"([{"n":1e400}])", R"([{"n":1.7976931348623157e+308}])", true},
+      {"a string is mended", R"([{"s":"\ud800�"}])", R"([{"s":"��"}])", true},
+      {"a name is mended", R"([{"\udfff":1}])", R"([{"�":1}])", true},
+      {"a member is named twice", R"([{"a":1,"\u0061":2}])", R"([{"a":2}])", true},
   };
   for (const auto& row : rows) {
     Sandbox sandbox;
+    const std::string path = cursor.file(sandbox);
     const std::string before = std::string(R"({"version":1,"hooks":{"preToolUse":)") + row.before +
                                R"(,"beforeTabFileRead":)" + row.before + "}}";
-    sandbox.write(cursorFile(sandbox), before);
+    sandbox.write(path, before);
     ASSERT_TRUE(CursorAdapter::install(binary));
 
-    const Json::Object hooks = readFile(cursorFile(sandbox)).object("hooks");
+    const Json::Object hooks = hooksIn(path);
     Json::Array others = hooks.list("preToolUse");
     ASSERT_FALSE(others.empty()) << row.sentence;
-    EXPECT_EQ(others.back(), Json(Json::Object{{"command", cursorCommand}})) << row.sentence;
+    EXPECT_NE(others.back().asObject()->text("command").find(binary), std::string::npos) << row.sentence;
     others.pop_back();
-    EXPECT_EQ(others.empty() ? "" : text(others), row.after) << row.sentence;
+    EXPECT_EQ(others.empty() ? "" : Json(others).compact(), row.after) << row.sentence;
     const Json* foreign = hooks.find("beforeTabFileRead");
-    EXPECT_EQ(foreign ? text(*foreign) : "", row.after) << row.sentence;
-
-    const auto copy = Files::read(cursorFile(sandbox) + ".bak");
-    EXPECT_EQ(copy, row.losesContent ? std::optional(before) : std::nullopt) << row.sentence;
+    EXPECT_EQ(foreign ? foreign->compact() : "", row.after) << row.sentence;
+    EXPECT_EQ(Files::read(path + ".bak"), row.losesContent ? std::optional(before) : std::nullopt)
+        << row.sentence;
   }
 }
 
@@ -223,44 +257,25 @@ TEST(CursorInstaller, CopiesAFileAsideBeforeItLosesWhatItHeld) {
       R"({"note":"no hooks at all"})",
       R"({"version":2,"hooks":{}})",
       R"({"version":1,"hooks":{},"note":"mine"})",
+      R"({"version":1,"hooks":{"stop":[{"command":"mine"}]},"hooks":{}})",
   };
   for (const std::string before : rows) {
     Sandbox sandbox;
-    sandbox.write(cursorFile(sandbox), before);
-    sandbox.write(cursorFile(sandbox) + ".bak", "the user's own copy");
-    fs::permissions(cursorFile(sandbox), fs::perms(0644));
+    const std::string path = cursor.file(sandbox);
+    sandbox.write(path, before);
+    sandbox.write(path + ".bak", "the user's own copy");
+    fs::permissions(path, fs::perms(0644));
     ASSERT_TRUE(CursorAdapter::install(binary)) << before;
-    EXPECT_EQ(contentOf(cursorFile(sandbox) + ".bak"), "the user's own copy");
-    EXPECT_EQ(contentOf(cursorFile(sandbox) + ".bak.2"), before);
-    EXPECT_EQ(Files::mode(cursorFile(sandbox) + ".bak.2"), 0644u);
+    EXPECT_EQ(contentOf(path + ".bak"), "the user's own copy");
+    EXPECT_EQ(contentOf(path + ".bak.2"), before);
+    EXPECT_EQ(Files::mode(path + ".bak.2"), 0644u);
 
-    const std::string after = contentOf(cursorFile(sandbox));
-    EXPECT_EQ(namesOf(parsed(after)), (std::set<std::string>{"hooks", "version"})) << before;
-    EXPECT_EQ(text(*parsed(after).find("version")), "1") << before;
-    EXPECT_EQ(parsed(after).object("hooks").size(), 12u) << before;
+    const std::string after = contentOf(path);
+    EXPECT_EQ(hooksIn(path).size(), 12u) << before;
     EXPECT_TRUE(CursorAdapter::install(binary));
-    EXPECT_EQ(contentOf(cursorFile(sandbox)), after);
-    EXPECT_FALSE(Files::exists(cursorFile(sandbox) + ".bak.3")) << before;
+    EXPECT_EQ(contentOf(path), after);
+    EXPECT_FALSE(Files::exists(path + ".bak.3")) << before;
   }
-}
-
-TEST(CopilotInstaller, ReplacesItsFileWhole) {
-  Sandbox sandbox;
-  sandbox.write(copilotFile(sandbox), R"({"version":3,"hooks":{"stop":[{"command":"mine"}]},"note":1})");
-  sandbox.write(sandbox.home() + "/.copilot/hooks/other.json", "{}");
-  ASSERT_TRUE(CopilotAdapter::install(binary));
-  Json::Object file = readFile(copilotFile(sandbox));
-  EXPECT_EQ(namesOf(file), (std::set<std::string>{"disableAllHooks", "hooks", "version"}));
-  EXPECT_EQ(text(*file.find("version")), "1");
-  EXPECT_EQ(text(*file.find("disableAllHooks")), "false");
-  EXPECT_EQ(namesOf(file.object("hooks")),
-            (std::set<std::string>{"sessionStart", "userPromptSubmitted", "preToolUse", "postToolUse",
-                                   "postToolUseFailure", "subagentStart", "subagentStop", "agentStop",
-                                   "sessionEnd", "notification"}));
-  for (const auto& [event, entries] : file.object("hooks"))
-    EXPECT_EQ(entries, Json(Json::Array{Json::Object{{"type", "command"}, {"command", copilotCommand}}}))
-        << event;
-  EXPECT_EQ(contentOf(sandbox.home() + "/.copilot/hooks/other.json"), "{}");
 }
 
 }  // namespace

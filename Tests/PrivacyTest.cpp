@@ -1,16 +1,11 @@
 // Secrets leave in the request that they are for and appear nowhere else, whatever goes wrong; what is
 // written is the user's alone.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
-#include <unistd.h>
 
-#include <array>
 #include <filesystem>
-#include <sstream>
 
 #include "Hook/EventRouter.h"
 #include "Hook/Handlers/PreToolUse.h"
@@ -77,10 +72,26 @@ class Privacy : public SessionFixture {
     plane.on("*/half/*", FakeControlPlane::failing(Fault::closeInBody));
   }
 
-  // Where any of the secrets stands, below the sandbox; files that are to hold them are `known`.
-  void expectNoSecret(const std::vector<std::string>& known) {
+  void useProxy(const std::string& proxy) {
+    for (const char* variable : {"http_proxy", "https_proxy"})
+      proxy.empty() ? sandbox.unset(variable) : sandbox.set(variable, proxy);
+  }
+
+  // A tool call, checked by an enrolled device with that identity; the key that it got.
+  std::string checkEnrolled(const std::string& apiUrl) {
+    const std::string identity = sandbox.root() + "/identity.json";
+    const Json::Object file{{"device_token", "secret-token"}, {"tenant_slug", "t"}, {"api_url", apiUrl}};
+    sandbox.write(identity, Json(file).compact());
+    ObserveClient client = daily();
+    client.config = ObriskHookConfig::load(std::nullopt, "claude", identity);
+    EventRouter::handlePreToolUse(event("PreToolUse", {{"tool_name", "Read"}}), client);
+    return client.config.apiKey;
+  }
+
+  // None of the secrets stands in any file below the sandbox but `known`.
+  void expectNoSecret(const std::string& known) {
     for (const std::string& name : Sandbox::tree(sandbox.root())) {
-      if (std::find(known.begin(), known.end(), name) != known.end()) continue;
+      if (name == known) continue;
       const std::string content = Files::read(sandbox.root() + "/" + name).value_or("");
       for (const char* secret : {key, password, "secret-token", "dXNlcjpzZWNyZXQtcGFzc3dvcmQ="})
         EXPECT_EQ(content.find(secret), content.npos) << name << ": " << content;
@@ -92,66 +103,48 @@ class Privacy : public SessionFixture {
 };
 
 TEST_F(Privacy, NoFailureOfTheExecutableWritesASecret) {
-  // All at once: each takes as long as its retries do.
-  std::string profiles;
-  std::vector<pid_t> processes;
-  int number = 0;
-  const auto all = failures();
-  for (const Failure& failure : all)
-    profiles += "[p" + std::to_string(number++) + "]\napi_url = " + failure.url +
-                "\napi_key = " + failure.apiKey + "\nagent_slug = a\npolicy_check_fail_default = ask\n";
-  sandbox.write(sandbox.home() + "/.obrisk/config", profiles);
-  const std::string input = sandbox.root() + "/event", out = sandbox.root() + "/out",
-                    err = sandbox.root() + "/err";
+  const std::string input = sandbox.root() + "/event", out = sandbox.root() + "/out";
   ASSERT_FALSE(SessionStore::save(started()));
   sandbox.write(input, Json(event("PreToolUse", {{"tool_name", "Read"}})).compact());
-  number = 0;
+  const auto all = failures();
+  std::string profiles;
+  for (const Failure& failure : all)
+    profiles += std::string("[") + failure.name + "]\napi_url = " + failure.url +
+                "\napi_key = " + failure.apiKey + "\nagent_slug = a\npolicy_check_fail_default = ask\n";
+  sandbox.write(sandbox.home() + "/.obrisk/config", profiles);
+  std::vector<pid_t> processes;  // all at once: each takes as long as its retries do
   for (const Failure& failure : all) {
-    const std::string id = std::to_string(number++);
-    for (const char* variable : {"http_proxy", "https_proxy"})
-      failure.proxy.empty() ? sandbox.unset(variable) : sandbox.set(variable, failure.proxy);
-    processes.push_back(sandbox.start({"--profile", "p" + id}, input, out + id, err + id));
+    useProxy(failure.proxy);
+    const std::string id = std::to_string(processes.size());
+    processes.push_back(sandbox.start({"--profile", failure.name}, input, out + id, out + id + "-error"));
   }
   for (std::size_t each = 0; each < all.size(); ++each) {
-    int status = 0;
+    int status = -1;
     ::waitpid(processes[each], &status, 0);
     EXPECT_EQ(status, 0) << all[each].name;
     EXPECT_NE(contentOf(out + std::to_string(each)).find("controlplane unreachable"), std::string::npos)
         << all[each].name << " is no failure";
   }
   EXPECT_GT(jsonLines(sandbox.activityLog()).size(), 2 * all.size());
-  expectNoSecret({"home/.obrisk/config"});
+  expectNoSecret("home/.obrisk/config");
 }
 
 TEST_F(Privacy, NoFailureOfAnEnrolledDeviceWritesASecret) {
-  const std::string identity = sandbox.root() + "/identity.json";
   ASSERT_FALSE(SessionStore::save(started()));
   testing::internal::CaptureStdout();
   testing::internal::CaptureStderr();
   for (const Failure& failure : failures()) {
-    const Json::Object file{{"device_token", "secret-token"}, {"tenant_slug", "t"}, {"api_url", failure.url}};
-    sandbox.write(identity, Json(file).compact());
-    for (const char* variable : {"http_proxy", "https_proxy"})
-      failure.proxy.empty() ? sandbox.unset(variable) : sandbox.set(variable, failure.proxy);
-    ObserveClient client = daily();
-    client.config = ObriskHookConfig::load(std::nullopt, "claude", identity);
-    EventRouter::handlePreToolUse(event("PreToolUse", {{"tool_name", "Read"}}), client);
+    useProxy(failure.proxy);
+    checkEnrolled(failure.url);
   }
-  // And of one that gets its key, but no answer with it.
-  for (const char* variable : {"http_proxy", "https_proxy"})
-    sandbox.unset(variable);
+  useProxy("");
   plane.on("*/agent-config/",
            Json::Object{{"upload_api_key", key}, {"agent_slug", "a"}, {"api_url", plane.url() + "/broken"}});
-  sandbox.write(identity,
-                R"({"device_token":"secret-token","tenant_slug":"t","api_url":")" + plane.url() + "\"}");
-  ObserveClient client = daily();
-  client.config = ObriskHookConfig::load(std::nullopt, "claude", identity);
-  EXPECT_EQ(client.config.apiKey, key);
-  EventRouter::handlePreToolUse(event("PreToolUse", {{"tool_name", "Read"}}), client);
+  EXPECT_EQ(checkEnrolled(plane.url()), key) << "and of one that gets its key, but no answer with it";
   sandbox.write(sandbox.root() + "/printed",
                 testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr());
   EXPECT_FALSE(jsonLines(sandbox.activityLog()).empty());
-  expectNoSecret({"identity.json"});
+  expectNoSecret("identity.json");
 }
 
 TEST_F(Privacy, EveryFileIsItsUsersAlone) {
@@ -177,46 +170,18 @@ TEST_F(Privacy, EveryFileIsItsUsersAlone) {
   EXPECT_EQ(static_cast<int>(fs::status(sandbox.state()).permissions()), 0700);
 }
 
+// That the executable prepares itself shows where a file's size is limited.
 TEST_F(Privacy, AProcessThatHoldsAKeyLeavesNoCore) {
-#ifndef __linux__
-  GTEST_SKIP() << "only Linux tells the limits of another process";
-#else
-  const pid_t child = ::fork();
-  if (child == 0) {
+  const auto leavesNone = [] {
     Process::prepare();
     rlimit limit{1, 1};
     ::getrlimit(RLIMIT_CORE, &limit);
-    ::_exit(limit.rlim_cur == 0 && limit.rlim_max == 0 && ::prctl(PR_GET_DUMPABLE) == 0 ? 0 : 1);
-  }
-  int status = 0;
-  ::waitpid(child, &status, 0);
-  EXPECT_EQ(status, 0) << "the preparation keeps the memory out of core dumps";
-
-  // The executable makes that preparation before it reads anything: here it waits for its input.
-  sandbox.inChild = [] {
-    rlimit limit{};
-    ::getrlimit(RLIMIT_CORE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    ::setrlimit(RLIMIT_CORE, &limit);
-  };
-  const std::string fifo = sandbox.root() + "/input", null = "/dev/null";
-  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-  const pid_t hook = sandbox.start({}, fifo, null, null);
-  const int writer = ::open(fifo.c_str(), O_WRONLY);
-  std::string soft, hard;
-  for (int tries = 0; tries < 500 && (soft != "0" || hard != "0"); ++tries) {
-    ::usleep(10'000);
-    const auto limits = Process::run("/bin/cat", {"/proc/" + std::to_string(hook) + "/limits"}).value_or("");
-    const std::string name = "Max core file size";
-    const auto at = limits.find(name);
-    if (at != limits.npos) std::istringstream(limits.substr(at + name.size())) >> soft >> hard;
-  }
-  EXPECT_EQ(soft + " " + hard, "0 0");
-  EXPECT_EQ(::write(writer, "{}", 2), 2);
-  ::close(writer);
-  ::waitpid(hook, &status, 0);
-  EXPECT_EQ(status, 0);
+#ifdef __linux__
+    if (::prctl(PR_GET_DUMPABLE) != 0) return false;
 #endif
+    return limit.rlim_cur == 0 && limit.rlim_max == 0;
+  };
+  EXPECT_TRUE(inChildProcess(leavesNone));
 }
 
 }  // namespace

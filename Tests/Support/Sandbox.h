@@ -57,6 +57,10 @@ class Sandbox {
   // Called in every process that is started, just before it becomes the product: for its limits and its user.
   std::function<void()> inChild;
 
+  // What `work` returns in a child process of a user who owns this sandbox and is bound by modes, as root is
+  // not.
+  bool asOwner(const std::function<bool()>& work) const;
+
   // All names in a directory and below, relative to it, sorted.
   static std::vector<std::string> tree(const std::string& directory);
 
@@ -64,6 +68,9 @@ class Sandbox {
   std::string root_;
   std::map<std::string, std::optional<std::string>> saved_;
 };
+
+// What `work` returns in a child process.
+bool inChildProcess(const std::function<bool()>& work);
 
 // The content of a file that must be there; a test that reads a missing one fails.
 std::string contentOf(const std::string& path);
