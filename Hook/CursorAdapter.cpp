@@ -95,7 +95,7 @@ Kept keepOthers(std::string_view text, std::string_view command) {
     kept.whole = kept.whole && (key == "hooks" || (key == "version" && value.asInteger() == 1));
   }
   for (const auto& [event, value] : *hooks->asObject()) {
-    const auto entries = HookFile::objects(value);
+    const auto entries = value.asObjects();
     if (!entries) {
       kept.whole = false;
       continue;

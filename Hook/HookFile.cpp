@@ -1,6 +1,5 @@
 #include "Hook/HookFile.h"
 
-#include <algorithm>
 #include <filesystem>
 #include <system_error>
 
@@ -84,12 +83,6 @@ bool replace(const File& file, std::string_view text) {
 bool refuse(const File& file, std::string_view why) {
   Log::error(file.category, "failed to write ~/" + std::string(file.place) + ": " + std::string(why));
   return false;
-}
-
-const Json::Array* objects(const Json& value) {
-  const Json::Array* list = value.asList();
-  const bool all = list && std::ranges::all_of(*list, [](const Json& each) { return each.asObject(); });
-  return all ? list : nullptr;
 }
 
 bool isOwn(const Json& entry, std::string_view command) {

@@ -39,9 +39,6 @@ bool replace(const File& file, std::string_view text);
 // Logs `why` the file was not written. Returns false.
 bool refuse(const File& file, std::string_view why);
 
-// The list's elements when all of them are objects; absent for every other value.
-const Json::Array* objects(const Json& value);
-
 // Whether the entry's "command" starts this hook, wherever its executable is and whatever its options: it
 // contains the executable's name, or is `command` itself.
 bool isOwn(const Json& entry, std::string_view command);

@@ -2,11 +2,10 @@
 
 #include <vector>
 
+#include "Hook/SessionStore.h"
 #include "Platform/Files.h"
 #include "Platform/Json.h"
 #include "Platform/Paths.h"
-#include "Platform/Process.h"
-#include "Platform/Text.h"
 
 namespace LLMCallDedupe {
 
@@ -14,9 +13,8 @@ namespace {
 
 std::string directory() {
   std::string base = Paths::inHome(".obrisk/cc-dedupe");
-  std::string key = Process::environment("OBRISK_PROJECT_KEY").value_or("");
-  std::string_view project = Text::trim(key, Text::Space::blanks);
-  return project.empty() ? base : base + "/" + std::string(project);
+  const std::string key = SessionStore::projectKey();
+  return key.empty() ? base : base + "/" + key;
 }
 
 }  // namespace

@@ -35,13 +35,6 @@ const Json::Object* objectIn(const Json::Object& object, std::string_view key) {
   return value ? value->asObject() : nullptr;
 }
 
-const Json::Array* objectsIn(const Json::Object& object, std::string_view key) {
-  const Json* value = object.find(key);
-  const Json::Array* list = value ? value->asList() : nullptr;
-  bool onlyObjects = list && std::ranges::all_of(*list, [](const Json& each) { return each.asObject(); });
-  return onlyObjects ? list : nullptr;
-}
-
 std::string_view trimmed(std::string_view text) {
   return Text::trim(text, Text::Space::any);
 }
@@ -54,9 +47,10 @@ std::string preview(std::string_view text) {
 }
 
 std::string_view toolResultText(const Json::Object& block) {
-  if (const Json* content = block.find("content"); content && content->asText())
-    return trimmed(*content->asText());
-  if (const Json::Array* parts = objectsIn(block, "content")) {
+  const Json* content = block.find("content");
+  if (!content) return {};
+  if (content->asText()) return trimmed(*content->asText());
+  if (const Json::Array* parts = content->asObjects()) {
     for (const Json& part : *parts) {
       std::string_view text = trimmed(part.asObject()->text("text"));
       if (part.asObject()->text("type") == "text" && !text.empty()) return text;
@@ -172,9 +166,10 @@ TranscriptSummary parse(const std::string& path, std::int64_t startOffset) {
 }
 
 std::string extractMessageText(const Json::Object& message) {
-  if (const Json* content = message.find("content"); content && content->asText())
-    return std::string(trimmed(*content->asText()));
-  const Json::Array* blocks = objectsIn(message, "content");
+  const Json* content = message.find("content");
+  if (!content) return "";
+  if (content->asText()) return std::string(trimmed(*content->asText()));
+  const Json::Array* blocks = content->asObjects();
   if (!blocks) return "";
   std::string text;
   for (const Json& block : *blocks) {

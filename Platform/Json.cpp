@@ -138,6 +138,12 @@ std::optional<std::int64_t> Json::asInteger() const {
   return static_cast<std::int64_t>(*number);
 }
 
+const Json::Array* Json::asObjects() const {
+  const Array* list = asList();
+  const bool all = list && std::ranges::all_of(*list, [](const Json& each) { return each.asObject(); });
+  return all ? list : nullptr;
+}
+
 std::optional<std::vector<std::string>> Json::asTexts() const {
   auto* list = asList();
   if (!list) return std::nullopt;

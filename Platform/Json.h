@@ -109,6 +109,7 @@ class Json {
   std::optional<double> asNumber() const;  // any number; an integer is converted
   // A number whose value is exactly an integer of 64 bits: 10 and 10.0, but not 10.5.
   std::optional<std::int64_t> asInteger() const;
+  const Array* asObjects() const;  // a list that holds only objects
   // The elements of a list that holds only strings.
   std::optional<std::vector<std::string>> asTexts() const;
 
