@@ -82,17 +82,16 @@ bool isLiteralOrNumber(std::string_view token) {
 
 using Index = simdjson::internal::dom_parser_implementation;
 
-// Room for the index of a text of that size, empty or with another's index in it; null when there is none. It
-// is kept for the thread's next texts: fresh memory for each would cost as much as finding what to put there.
-Index* indexFor(std::size_t size) {
+// The index that the thread's texts are found out with one after the other: fresh memory for each would cost
+// as much as finding what to put there. Null when there is no room for a text of that size.
+std::unique_ptr<Index>& indexFor(std::size_t size) {
   thread_local std::unique_ptr<Index> index;
-  if (!index || index->capacity() < size) {
-    const simdjson::implementation* implementation = simdjson::get_active_implementation();
-    const std::size_t capacity = std::max<std::size_t>(size, 64 * 1024);
-    if (implementation->create_dom_parser_implementation(capacity, 1, index) != simdjson::SUCCESS)
-      return nullptr;
-  }
-  return index.get();
+  if (index && index->capacity() >= size) return index;
+  const std::size_t capacity = std::max<std::size_t>(size, 64 * 1024);
+  if (simdjson::get_active_implementation()->create_dom_parser_implementation(capacity, 1, index) !=
+      simdjson::SUCCESS)
+    index = nullptr;
+  return index;
 }
 
 // Walks one text along the positions of its structural characters and scalars, which simdjson finds (it has
@@ -105,7 +104,7 @@ class Parser {
     if (!JsonEscapes::areValid(text)) return;
     // Positions are 32 bits wide.
     if (text.size() > std::numeric_limits<std::uint32_t>::max() - 64) return;
-    Index* index = indexFor(text.size());
+    const auto& index = indexFor(text.size());
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
     if (index && index->stage1(bytes, text.size(), simdjson::stage1_mode::regular) == simdjson::SUCCESS) {
       next_ = index->structural_indexes.get();
