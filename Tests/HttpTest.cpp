@@ -303,7 +303,7 @@ TEST_F(HttpTest, ResolvesNamesButNeverLiteralAddresses) {
 }
 
 TEST_F(HttpTest, SpeaksToAnAddressOfVersionSix) {
-  FakeControlPlane server({.ipv6 = true});
+  FakeControlPlane server({.address = "::1"});
   EXPECT_EQ(get(server.url()).status, 200);
   EXPECT_EQ(server.requests().at(0).headers.at("host"), "[::1]:" + std::to_string(server.port()));
 }

@@ -38,7 +38,7 @@ TEST_F(HttpTlsTest, TrustsAnAuthorityOfTheCertificateFile) {
     const auto answer = get(server.url(host));
     EXPECT_EQ(answer.status, 200) << host << ": " << answer.error.value_or("");
   }
-  FakeControlPlane six({.certificate = forLocal, .ipv6 = true});
+  FakeControlPlane six({.certificate = forLocal, .address = "::1"});
   EXPECT_EQ(get(six.url()).status, 200);
 }
 
