@@ -241,7 +241,7 @@ asio::awaitable<bool> Exchange::startTls(Tls::Trust trust) {
   if (!error) co_return true;
   const auto verdict = Tls::verdictOn(tls);
   if (expired_ || verdict.isTrusted) fail(error);
-  if (!verdict.isIssuerUnknown || trust == Tls::Trust::whole) fail(verdict.reason);
+  if (!verdict.needsWhole || trust == Tls::Trust::whole) fail(verdict.reason);
   co_return false;
 }
 
