@@ -31,9 +31,9 @@ Json valueOf(const Member& member, const Json::Object& raw) {
 NormalizedEvent apply(std::span<const Row> table, std::string_view event, const Json::Object& raw,
                       Json::Object common) {
   const auto row = std::ranges::find_if(table, [&](const Row& candidate) {
-    return !event.empty() && std::ranges::find(candidate.names, event) != candidate.names.end();
+    return std::ranges::find(candidate.names, event) != candidate.names.end();
   });
-  if (row == table.end()) {
+  if (event.empty() || row == table.end()) {
     common.set("hook_event_name", "Notification");
     common.set("message", event);
     common.set("notification_type", event);

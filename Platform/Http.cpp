@@ -9,15 +9,13 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl/context.hpp>
-#include <boost/asio/ssl/error.hpp>
 #include <boost/asio/ssl/stream.hpp>
 #include <boost/asio/use_awaitable.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/http/parser.hpp>
-#include <boost/beast/http/string_body.hpp>
 #include <memory>
 #include <string_view>
 
+#include "Platform/HttpMessage.h"
 #include "Platform/Proxy.h"
 #include "Platform/Resolver.h"
 #include "Platform/Tls.h"
@@ -28,26 +26,23 @@ namespace Http {
 namespace {
 
 namespace asio = boost::asio;
-namespace beast = boost::beast;
 using asio::ip::tcp;
 using boost::system::error_code;
+using HttpMessage::Answer;
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
-using Parser = std::unique_ptr<beast::http::response_parser<beast::http::string_body>>;
 
-constexpr std::uint32_t headLimit = 64 * 1024;
-constexpr std::uint64_t bodyLimit = 16 * 1024 * 1024;
 constexpr std::size_t readSize = 16 * 1024;
 constexpr milliseconds nextAddressAfter{3'000};
 constexpr auto asResult = asio::as_tuple(asio::use_awaitable);
 
 struct Connection {
-  explicit Connection(asio::io_context& context) : socket(context) {}
+  Connection(asio::io_context& context, std::string where) : leadsTo(std::move(where)), socket(context) {}
 
   std::string leadsTo;
   tcp::socket socket;
   std::unique_ptr<asio::ssl::stream<tcp::socket&>> tls;  // absent: plain
-  beast::flat_buffer unread;
+  boost::beast::flat_buffer unread;
 };
 
 // What one exchange leaves for the next. It is never destroyed: there is nothing to say to the server at the
@@ -62,177 +57,135 @@ Session& session() {
   return *only;
 }
 
-// A transport error. Thrown within this file only.
+// A transport error, thrown within this file only.
 struct Failure {
   std::string description;
-  bool isUnanswered = false;  // the connection ended before any byte of the answer
 };
-
-bool hasControlCharacter(std::string_view text) {
-  return std::any_of(text.begin(), text.end(),
-                     [](unsigned char c) { return (c < ' ' && c != '\t') || c == 127; });
-}
 
 class Exchange {
  public:
-  Exchange(const Request& request, milliseconds timeout, milliseconds overall)
-      : request_(request), timeout_(timeout), end_(Clock::now() + overall) {}
+  Exchange(const Request& request, milliseconds timeout, Clock::time_point end)
+      : request_(request), timeout_(timeout), end_(end) {}
 
   Response run();
 
  private:
-  asio::awaitable<Response> perform();
+  Response drive(asio::awaitable<Response> work);
+  asio::awaitable<Response> askAnew();
   asio::awaitable<Response> ask();
-  asio::awaitable<void> connect();
   asio::awaitable<void> connectTo(const Url::Parts& peer);
   asio::awaitable<void> openTunnel();
   asio::awaitable<bool> startTls(Tls::Trust trust);
-  asio::awaitable<void> send(std::string step, std::string_view text);
-  asio::awaitable<bool> receiveMore();
-  asio::awaitable<Parser> receive(std::string step, bool headOnly);
+  asio::awaitable<void> fetch(Answer& answer, std::string text, const std::string& peer);
+  void send();
 
-  std::string requestText() const;
-  void giveUp();
   void begin(std::string step, milliseconds wait);
-  void progress();
+  void waitFor(milliseconds time);
   [[noreturn]] void fail(const error_code& error) const;
-  [[noreturn]] void fail(std::string_view reason) const;
+  [[noreturn]] void fail(const std::string& reason) const;
 
   const Request& request_;
   const milliseconds timeout_;
   const Clock::time_point end_;
   Url::Parts target_;
   std::optional<Proxy::Server> proxy_;
+  std::string leadsTo_;
   std::unique_ptr<Connection> connection_;
+  std::string text_;                // what is sent
+  std::string_view unsent_;         // the rest of it; empty when no write is under way
   std::string step_;                // what is being done, for the description of an error
   Clock::time_point until_ = end_;  // when the step is given up
   bool expired_ = false;            // it was
   bool heard_ = false;              // a byte of the answer has arrived
 };
 
-// Runs the conversation one completion at a time: whatever it waits for is cancelled when its time is up.
 Response Exchange::run() {
-  asio::io_context& context = session().context;
-  context.restart();
-  Response response;
-  bool done = false;
-  asio::co_spawn(context, perform(), [&](const std::exception_ptr& failure, Response answer) {
-    done = true;
-    response = std::move(answer);
-    try {
-      if (failure) std::rethrow_exception(failure);
-    } catch (const Failure& reason) {
-      response = {0, "", reason.description};
-    } catch (const std::exception& reason) {
-      response = {0, "", reason.what()};
-    }
-  });
-  while (!done) {
-    if (context.run_one_until(until_) > 0) continue;
-    expired_ = true;
-    giveUp();
-    context.poll_one();
-  }
-  if (response.error && Clock::now() >= end_) return {};
-  return response;
-}
-
-// What is ready already cannot be cancelled, so that a server which never pauses would go on: at the end it
-// is cut off.
-void Exchange::giveUp() {
-  error_code ignored;
-  if (!connection_) return;
-  if (Clock::now() < end_) {
-    connection_->socket.cancel(ignored);
-  } else {
-    connection_->socket.close(ignored);
-  }
-}
-
-void Exchange::begin(std::string step, milliseconds wait) {
-  step_ = std::move(step);
-  until_ = std::min(Clock::now() + wait, end_);
-  expired_ = false;
-}
-
-void Exchange::progress() {
-  until_ = std::min(Clock::now() + timeout_, end_);
-  expired_ = false;
-}
-
-void Exchange::fail(const error_code& error) const {
-  fail(expired_ ? std::string("timed out") : error.message());
-}
-
-void Exchange::fail(std::string_view reason) const {
-  throw Failure{step_ + ": " + std::string(reason)};
-}
-
-asio::awaitable<Response> Exchange::perform() {
   step_ = "preparing the request";
   const auto target = Url::parse(request_.url);
   if (!target) fail("not an absolute http or https URL");
-  for (const auto& [name, value] : request_.headers) {
-    if (hasControlCharacter(name) || hasControlCharacter(value)) fail("a header holds a control character");
-  }
+  if (!HttpMessage::canBeSent(request_)) fail("a header holds a control character");
   target_ = *target;
   proxy_ = Proxy::forTarget(target_);
   if (proxy_ && proxy_->at.host.empty()) fail("the proxy setting is not an http URL");
 
-  std::string leadsTo = target_.secure || !proxy_ ? target_.authority(true) : "";
-  leadsTo += target_.secure ? " tls" : "";
-  if (proxy_) leadsTo += " by " + proxy_->at.authority(true);
-  if (auto kept = std::move(session().kept); kept && kept->leadsTo == leadsTo) {
-    connection_ = std::move(kept);
+  if (target_.secure || !proxy_) leadsTo_ = target_.authority(true) + (target_.secure ? " tls" : "");
+  if (proxy_) leadsTo_ += " by " + proxy_->at.authority(true);
+  connection_ = std::move(session().kept);
+  if (connection_ && connection_->leadsTo == leadsTo_) {
     try {
-      co_return co_await ask();
-    } catch (const Failure& failure) {
-      if (!failure.isUnanswered) throw;
+      return drive(ask());
+    } catch (const Failure&) {
+      if (heard_ || expired_) throw;
     }
   }
-  co_await connect();
-  connection_->leadsTo = leadsTo;
+  return drive(askAnew());
+}
+
+// Runs the conversation one completion at a time: whatever it waits for is cancelled when its time is up.
+Response Exchange::drive(asio::awaitable<Response> work) {
+  asio::io_context& context = session().context;
+  context.restart();
+  Response response;
+  std::exception_ptr failure;
+  bool done = false;
+  asio::co_spawn(context, std::move(work), [&](std::exception_ptr reason, Response answer) {
+    done = true;
+    failure = std::move(reason);
+    response = std::move(answer);
+  });
+  error_code ignored;
+  while (!done) {
+    if (context.run_one_until(until_) > 0) continue;
+    expired_ = true;
+    if (connection_ && Clock::now() < end_) {
+      connection_->socket.cancel(ignored);
+    } else if (connection_) {
+      connection_->socket.close(ignored);  // what is ready already cannot be cancelled, and might never pause
+    }
+    context.poll_one();
+  }
+  // What was answered before it was sent whole is not sent on.
+  for (; !unsent_.empty(); context.run_one())
+    connection_->socket.close(ignored);
+  if (failure) std::rethrow_exception(failure);
+  return response;
+}
+
+void Exchange::begin(std::string step, milliseconds wait) {
+  step_ = std::move(step);
+  waitFor(wait);
+}
+
+void Exchange::waitFor(milliseconds time) {
+  until_ = std::min(Clock::now() + time, end_);
+  expired_ = false;
+}
+
+void Exchange::fail(const error_code& error) const {
+  fail(expired_ ? "timed out" : error.message());
+}
+
+void Exchange::fail(const std::string& reason) const {
+  throw Failure{step_ + ": " + reason};
+}
+
+asio::awaitable<Response> Exchange::askAnew() {
+  for (const auto trust : {Tls::Trust::onDemand, Tls::Trust::whole}) {
+    connection_ = std::make_unique<Connection>(session().context, leadsTo_);
+    co_await connectTo(proxy_ ? proxy_->at : target_);
+    if (!target_.secure) break;
+    if (proxy_) co_await openTunnel();
+    if (co_await startTls(trust)) break;
+  }
   co_return co_await ask();
 }
 
 asio::awaitable<Response> Exchange::ask() {
-  Parser parser;
-  try {
-    co_await send("sending the request to " + target_.authority(), requestText());
-    parser = co_await receive("reading the answer of " + target_.authority(), false);
-  } catch (Failure& failure) {
-    failure.isUnanswered = !heard_ && !expired_;
-    throw;
-  }
-  if (parser->keep_alive() && connection_->unread.size() == 0) session().kept = std::move(connection_);
-  auto message = parser->release();
-  co_return Response{static_cast<int>(message.result_int()), std::move(message.body()), std::nullopt};
-}
-
-std::string Exchange::requestText() const {
-  std::string text = request_.method + " ";
-  const bool atProxy = proxy_ && !target_.secure;
-  if (atProxy) text += "http://" + target_.authority();
-  text += target_.target + " HTTP/1.1\r\nHost: " + target_.authority() + "\r\n";
-  if (atProxy && !proxy_->authorization.empty()) {
-    text += "Proxy-Authorization: " + proxy_->authorization + "\r\n";
-  }
-  for (const auto& [name, value] : request_.headers)
-    text += name + ": " + value + "\r\n";
-  if (request_.method != "GET" || !request_.body.empty()) {
-    text += "Content-Length: " + std::to_string(request_.body.size()) + "\r\n";
-  }
-  return text + "\r\n" + request_.body;
-}
-
-asio::awaitable<void> Exchange::connect() {
-  for (const auto trust : {Tls::Trust::onDemand, Tls::Trust::whole}) {
-    connection_ = std::make_unique<Connection>(session().context);
-    co_await connectTo(proxy_ ? proxy_->at : target_);
-    if (!target_.secure) co_return;
-    if (proxy_) co_await openTunnel();
-    if (co_await startTls(trust)) co_return;
-  }
+  Answer answer(Answer::Extent::whole);
+  co_await fetch(answer, HttpMessage::textOf(request_, target_, proxy_), target_.authority());
+  const bool isUsedUp = !unsent_.empty() || connection_->unread.size() > 0;
+  if (answer.keepsConnection() && !isUsedUp) session().kept = std::move(connection_);
+  co_return Response{answer.status(), answer.takeBody(), std::nullopt};
 }
 
 // Tries the addresses in turn. Together they have the time of one wait, of which each leaves the others a
@@ -267,12 +220,10 @@ asio::awaitable<void> Exchange::connectTo(const Url::Parts& peer) {
 }
 
 asio::awaitable<void> Exchange::openTunnel() {
-  std::string text =
-      "CONNECT " + target_.authority(true) + " HTTP/1.1\r\nHost: " + target_.authority(true) + "\r\n";
-  if (!proxy_->authorization.empty()) text += "Proxy-Authorization: " + proxy_->authorization + "\r\n";
-  co_await send("sending to the proxy " + proxy_->at.authority(true), text + "\r\n");
-  const auto answer = co_await receive("reading the answer of the proxy " + proxy_->at.authority(true), true);
-  const auto status = answer->get().result_int();
+  Answer answer(Answer::Extent::headOnly);
+  co_await fetch(answer, HttpMessage::tunnelText(target_, *proxy_),
+                 "the proxy " + proxy_->at.authority(true));
+  const int status = answer.status();
   if (status < 200 || status > 299) fail("it refused to connect, status " + std::to_string(status));
   if (connection_->unread.size() > 0) fail("it sent more than an answer");
 }
@@ -290,76 +241,57 @@ asio::awaitable<bool> Exchange::startTls(Tls::Trust trust) {
   if (!error) co_return true;
   const auto verdict = Tls::verdictOn(tls);
   if (expired_ || verdict.isTrusted) fail(error);
-  if (!verdict.isIssuerUnknown || trust == Tls::Trust::whole) fail(verdict.reason);
+  if (!verdict.needsWhole || trust == Tls::Trust::whole) fail(verdict.reason);
   co_return false;
 }
 
-asio::awaitable<void> Exchange::send(std::string step, std::string_view text) {
+// Reads while it sends: a server may refuse a request before it has read it whole.
+asio::awaitable<void> Exchange::fetch(Answer& answer, std::string text, const std::string& peer) {
+  begin("asking " + peer, timeout_);
   heard_ = false;
-  begin(std::move(step), timeout_);
-  while (!text.empty()) {
-    const auto bytes = asio::buffer(text);
-    const auto [error, count] = connection_->tls
-                                    ? co_await connection_->tls->async_write_some(bytes, asResult)
-                                    : co_await connection_->socket.async_write_some(bytes, asResult);
+  text_ = std::move(text);
+  unsent_ = text_;
+  send();
+  while (!answer.isWhole()) {
+    auto& [leadsTo, socket, tls, unread] = *connection_;
+    const auto space = unread.prepare(readSize);
+    const auto [error, count] = tls ? co_await tls->async_read_some(space, asResult)
+                                    : co_await socket.async_read_some(space, asResult);
+    if (error && error != asio::error::eof) fail(error);
+    unread.commit(count);
+    const std::string_view bytes(static_cast<const char*>(unread.data().data()), unread.size());
     if (error) {
-      // A server that refuses a request before it has read it whole has its answer under way.
-      if (expired_) fail(error);
-      co_return;
+      answer.end(bytes);
+    } else {
+      heard_ = true;
+      waitFor(timeout_);
+      unread.consume(answer.take(bytes));
     }
-    text.remove_prefix(count);
-    progress();
+    if (!answer.problem().empty()) fail(answer.problem());
   }
 }
 
-// False at the end of the stream.
-asio::awaitable<bool> Exchange::receiveMore() {
-  auto& unread = connection_->unread;
-  if (unread.size() > headLimit) fail("the answer's head is too large");
-  const auto space = unread.prepare(readSize);
-  const auto [error, count] = connection_->tls
-                                  ? co_await connection_->tls->async_read_some(space, asResult)
-                                  : co_await connection_->socket.async_read_some(space, asResult);
-  if (error == asio::error::eof) co_return false;
-  if (error) fail(error);
-  unread.commit(count);
-  heard_ = true;
-  progress();
-  co_return true;
-}
-
-// The final answer, interim ones skipped; the head only of one to CONNECT.
-asio::awaitable<Parser> Exchange::receive(std::string step, bool headOnly) {
-  begin(std::move(step), timeout_);
-  auto& unread = connection_->unread;
-  for (;;) {
-    auto parser = std::make_unique<beast::http::response_parser<beast::http::string_body>>();
-    parser->header_limit(headLimit);
-    parser->body_limit(bodyLimit);
-    parser->eager(true);
-    parser->skip(headOnly);
-    while (!parser->is_done()) {
-      error_code error;
-      if (unread.size() > 0) {
-        unread.consume(parser->put(unread.data(), error));
-        if (error && error != beast::http::error::need_more) fail(error);
-        if (parser->is_done()) break;
-      }
-      if (co_await receiveMore()) continue;
-      if (!parser->got_some()) fail("the connection was closed");
-      parser->put_eof(error);
-      if (error) fail(error);
-    }
-    const auto status = parser->get().result_int();
-    if (status >= 200 || status == 101) co_return parser;
-  }
+// An error is no matter yet: the answer may be under way.
+void Exchange::send() {
+  const auto then = [this](const error_code& error, std::size_t count) {
+    unsent_.remove_prefix(error ? unsent_.size() : count);
+    if (error) return;
+    waitFor(timeout_);
+    if (!unsent_.empty()) send();
+  };
+  const auto bytes = asio::buffer(unsent_);
+  connection_->tls ? connection_->tls->async_write_some(bytes, then)
+                   : connection_->socket.async_write_some(bytes, then);
 }
 
 }  // namespace
 
 Response exchange(const Request& request, milliseconds timeout, milliseconds overall) {
+  const auto end = Clock::now() + overall;
   try {
-    return Exchange(request, timeout, overall).run();
+    return Exchange(request, timeout, end).run();
+  } catch (const Failure& failure) {
+    return Clock::now() >= end ? Response{} : Response{0, "", failure.description};
   } catch (const std::exception& failure) {
     return {0, "", failure.what()};
   }

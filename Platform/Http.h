@@ -3,9 +3,9 @@
 // http and https; TLS 1.2 or newer, certificate and host name verified against the system's store
 // (SSL_CERT_FILE and SSL_CERT_DIR honoured); HTTPS_PROXY, HTTP_PROXY and NO_PROXY honoured, with CONNECT and
 // basic credentials. Redirects are not followed: the key must not travel on. A kept connection that proves
-// closed before any byte of the answer is replaced once, unseen. When a host has several addresses the next
-// is tried after a few seconds. Answers are bounded: head 64 KiB, body 16 MB; a larger one is a transport
-// error.
+// closed before any byte of the answer is replaced once, unseen. What is answered before it is sent whole is
+// not sent on. When a host has several addresses the next is tried after a few seconds. Answers are bounded:
+// head 64 KiB, body 16 MB; a larger one is a transport error.
 //
 // Never throws, never waits longer than the overall deadline, whatever the server or the name server does.
 #pragma once

@@ -19,8 +19,7 @@ std::optional<Server> forTarget(const Url::Parts& target);
 
 // Whether `list`, the value of NO_PROXY, names the target: items separated by commas or blanks, each "*", a
 // domain (with its subdomains; a leading dot is of no account), a literal address or a network in CIDR form,
-// and with
-// ":port" for that port only.
+// and with ":port" for that port only.
 bool isExempt(const Url::Parts& target, std::string_view list);
 
 }  // namespace Proxy

@@ -106,9 +106,14 @@ void trustFile(SSL_CTX* context, const char* path, Trust trust) {
   if (lookup) X509_LOOKUP_set_method_data(lookup, new LazyFile{path, std::nullopt});
 }
 
-// What cannot be read is not trusted: verification tells. A file comes before a directory, as in OpenSSL's
-// own defaults.
-void trustSystemStore(SSL_CTX* context, Trust trust) {
+struct Store {
+  const char* file;       // null or empty: none
+  const char* directory;  // null: none
+
+  bool hasFile() const { return file && *file; }
+};
+
+Store systemStore() {
   const char* file = ::getenv(X509_get_default_cert_file_env());
   const char* directory = ::getenv(X509_get_default_cert_dir_env());
   if (!file || !directory) {
@@ -116,8 +121,7 @@ void trustSystemStore(SSL_CTX* context, Trust trust) {
     if (!directory) directory = hashed;
     if (!file && !hashed) file = systemBundle();
   }
-  if (file) trustFile(context, file, trust);
-  if (directory) SSL_CTX_load_verify_dir(context, directory);
+  return {file, directory};
 }
 
 }  // namespace
@@ -132,7 +136,11 @@ ssl_ctx_st* newClientContext(Trust trust) {
   if (!context) return nullptr;
   SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
   SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
-  trustSystemStore(context, trust);
+  // What cannot be read is not trusted: verification tells. A file comes before a directory, as in OpenSSL's
+  // own defaults.
+  const Store store = systemStore();
+  if (store.hasFile()) trustFile(context, store.file, trust);
+  if (store.directory) SSL_CTX_load_verify_dir(context, store.directory);
   return context;
 }
 
@@ -150,7 +158,8 @@ Verdict verdictOn(ssl_st* connection) {
                                verdict == X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT ||
                                verdict == X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE ||
                                verdict == X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN;
-  return {verdict == X509_V_OK, isIssuerUnknown, X509_verify_cert_error_string(verdict)};
+  return {verdict == X509_V_OK, isIssuerUnknown && systemStore().hasFile(),
+          X509_verify_cert_error_string(verdict)};
 }
 
 }  // namespace Tls

@@ -1,5 +1,5 @@
 // What TLS connections of this process trust: the system's certificates, in whose place SSL_CERT_FILE and
-// SSL_CERT_DIR may name another file and another directory.
+// SSL_CERT_DIR may name another file (none when empty) and another directory.
 #pragma once
 
 #include <string>
@@ -26,7 +26,7 @@ bool expectHost(ssl_st* connection, const std::string& host);
 
 struct Verdict {
   bool isTrusted;
-  bool isIssuerUnknown;  // the certificate may be good, but nobody vouches for it
+  bool needsWhole;  // nobody vouches for it, but `whole` may find somebody in a certificate file
   std::string reason;
 };
 

@@ -1,13 +1,24 @@
 #include <gtest/gtest.h>
+#include <time.h>
 
-#include "Platform/Files.h"
+#include <atomic>
+
 #include "Platform/Http.h"
-#include "Platform/Proxy.h"
 #include "Tests/Support/FakeControlPlane.h"
 #include "Tests/Support/Sandbox.h"
 
 using namespace std::chrono_literals;
-using Reply = FakeControlPlane::Reply;
+
+// Stands before the C library's, so that certificates can expire.
+static std::atomic<time_t> secondsAhead = 0;
+
+extern "C" time_t time(time_t* result) noexcept {
+  timespec now{};
+  ::clock_gettime(CLOCK_REALTIME, &now);
+  now.tv_sec += secondsAhead;
+  if (result) *result = now.tv_sec;
+  return now.tv_sec;
+}
 
 namespace {
 
@@ -38,15 +49,19 @@ TEST_F(HttpTlsTest, TrustsAnAuthorityOfTheCertificateFile) {
     const auto answer = get(server.url(host));
     EXPECT_EQ(answer.status, 200) << host << ": " << answer.error.value_or("");
   }
-  FakeControlPlane six({.certificate = forLocal, .ipv6 = true});
+  FakeControlPlane six({.certificate = forLocal, .address = "::1"});
   EXPECT_EQ(get(six.url()).status, 200);
 }
 
 TEST_F(HttpTlsTest, TrustsAnAuthorityOfTheCertificateDirectory) {
   sandbox.write(sandbox.root() + "/certificates/" + hashedName(authority), authority.pem);
   sandbox.set("SSL_CERT_DIR", sandbox.root() + "/certificates");
+  sandbox.set("SSL_CERT_FILE", "");
   FakeControlPlane server({.certificate = forLocal});
   EXPECT_EQ(get(server.url()).error, std::nullopt);
+  FakeControlPlane unknown({.certificate = makeServerCertificate(makeAuthority("Unknown"), {"127.0.0.1"})});
+  EXPECT_TRUE(holds(get(unknown.url()).error, "unable to get local issuer certificate"));
+  EXPECT_EQ(unknown.connections(), 1) << "there is no file in which to look again";
 }
 
 TEST_F(HttpTlsTest, FindsTheRightAuthorityOfAWholeBundle) {
@@ -83,44 +98,75 @@ TEST_F(HttpTlsTest, OneSecuredConnectionServesAllRequests) {
     EXPECT_EQ(Http::exchange(request, 10s, 20s).status, 200);
   }
   EXPECT_EQ(server.connections(), 1);
-  Reply closing;
-  closing.closeAfter = true;
-  server.next({closing});
+  server.next({{.closeAfter = true}});
   EXPECT_EQ(get(server.url()).status, 200);
   EXPECT_EQ(get(server.url()).status, 200);
   EXPECT_EQ(server.connections(), 2);
 }
 
-struct DistrustRow {
-  const char* name;
-  Certificate certificate;
-  const char* host;
-  const char* description;
-};
-
 TEST_F(HttpTlsTest, SendsNothingToAServerThatItCannotVerify) {
   trustByFile(authority);
   const Certificate stranger = makeAuthority("Test Authority");
-  const DistrustRow rows[] = {
-      {"another authority of the same name", makeServerCertificate(stranger, {"127.0.0.1"}), "127.0.0.1",
+  const struct {
+    const char* name;
+    FakeControlPlane::Options options;
+    const char* host;
+    const char* description;
+    time_t ahead = 0;
+  } rows[] = {
+      {"another authority of the same name",
+       {makeServerCertificate(stranger, {"127.0.0.1"})},
+       "127.0.0.1",
        "unable to get local issuer certificate"},
-      {"a certificate that vouches for itself", stranger, "127.0.0.1", "self-signed"},
-      {"an unknown authority", makeServerCertificate(makeAuthority("Unknown"), {"127.0.0.1"}), "127.0.0.1",
+      {"a certificate that vouches for itself", {stranger}, "127.0.0.1", "self-signed"},
+      {"an unknown authority",
+       {makeServerCertificate(makeAuthority("Unknown"), {"127.0.0.1"})},
+       "127.0.0.1",
        "unable to get local issuer certificate"},
-      {"another host name", makeServerCertificate(authority, {"other.test"}), "localhost",
+      {"another host name",
+       {makeServerCertificate(authority, {"other.test"})},
+       "localhost",
        "hostname mismatch"},
-      {"another address", makeServerCertificate(authority, {"127.0.0.2"}), "127.0.0.1",
+      {"another address",
+       {makeServerCertificate(authority, {"127.0.0.2"})},
+       "127.0.0.1",
        "IP address mismatch"},
-      {"an address where a name stands", makeServerCertificate(authority, {"127.0.0.1"}), "localhost",
+      {"an address where a name stands",
+       {makeServerCertificate(authority, {"127.0.0.1"})},
+       "localhost",
        "hostname mismatch"},
+      {"an expired certificate", {forLocal}, "127.0.0.1", "certificate has expired", 2 * 60 * 60},
+      {"a certificate of tomorrow", {forLocal}, "127.0.0.1", "not yet valid", -2 * 60 * 60},
+      {"TLS 1.1", {.certificate = forLocal, .oldTls = true}, "127.0.0.1", "protocol version"},
   };
   for (const auto& row : rows) {
-    FakeControlPlane server({.certificate = row.certificate});
+    FakeControlPlane server(row.options);
+    secondsAhead = row.ahead;
     const auto answer = get(server.url(row.host));
+    secondsAhead = 0;
     EXPECT_EQ(answer.status, 0) << row.name;
     EXPECT_TRUE(holds(answer.error, row.description)) << row.name << ": " << answer.error.value_or("");
     EXPECT_TRUE(server.requests().empty()) << row.name;
   }
+}
+
+TEST_F(HttpTlsTest, SeesARefusalThatComesBeforeTheRequestIsSent) {
+  trustByFile(authority);
+  for (const bool closes : {true, false}) {
+    FakeControlPlane server({.certificate = forLocal, .hasty = true});
+    server.next({{.status = 413, .closeAfter = closes}});
+    const Http::Request request{"POST", server.url(), {}, std::string(16'000'000, 'b')};
+    const auto answer = Http::exchange(request, 2s, 20s);
+    EXPECT_EQ(answer.status, 413) << closes << answer.error.value_or("");
+    EXPECT_EQ(get(server.url()).status, 200) << closes;
+  }
+}
+
+TEST_F(HttpTlsTest, AnAnswerThatSomebodyElseMayHaveCutOffIsATransportError) {
+  trustByFile(authority);
+  FakeControlPlane server({.certificate = forLocal});
+  server.next({{.untilClose = true}});
+  EXPECT_TRUE(holds(get(server.url()).error, "truncated"));
 }
 
 TEST_F(HttpTlsTest, ACertificateStoreThatCannotBeReadTrustsNobody) {
@@ -155,9 +201,7 @@ TEST_F(HttpTlsTest, AnHttpsRequestGoesThroughATunnelThatNeverSeesTheKey) {
   FakeControlPlane proxy(
       {.certificate = makeServerCertificate(authority, {"control.test"}), .plainFirst = true});
   sandbox.set("https_proxy", "user:pass@127.0.0.1:" + std::to_string(proxy.port()));
-  Reply opened;
-  opened.tlsAfter = true;
-  proxy.next({opened});
+  proxy.next({{.tlsAfter = true}});
   for (int i = 0; i < 2; ++i) {
     const auto answer = get("https://control.test/x");
     EXPECT_EQ(answer.status, 200) << answer.error.value_or("");
@@ -193,64 +237,6 @@ TEST_F(HttpTlsTest, AProxyThatDoesNotServeIsATransportErrorWithoutItsCredentials
     EXPECT_FALSE(holds(answer.error, "pass-secret")) << setting;
     EXPECT_EQ(answer.status, 0);
   }
-}
-
-struct ExemptRow {
-  const char* list;
-  const char* url;
-  bool exempt;
-};
-
-TEST(ProxyTest, NoProxyNamesDomainsAddressesNetworksAndPorts) {
-  const ExemptRow rows[] = {
-      {"", "http://a.test/", false},
-      {"*", "http://a.test/", true},
-      {"a.test", "http://a.test/", true},
-      {"a.test", "http://A.TEST/", true},
-      {"a.test", "http://x.a.test/", true},
-      {".a.test", "http://x.a.test/", true},
-      {".a.test", "http://a.test/", true},
-      {"a.test", "http://xa.test/", false},
-      {"test", "http://a.test/", true},
-      {"b.test, a.test", "http://a.test/", true},
-      {"b.test a.test", "http://a.test/", true},
-      {"a.test:8080", "http://a.test:8080/", true},
-      {"a.test:8080", "http://a.test/", false},
-      {"a.test:443", "https://a.test/", true},
-      {"10.1.2.3", "http://10.1.2.3/", true},
-      {"0.1.2.3", "http://10.1.2.3/", false},
-      {"10.0.0.0/8", "http://10.1.2.3/", true},
-      {"10.0.0.0/8", "http://11.1.2.3/", false},
-      {"10.1.2.0/31", "http://10.1.2.2/", false},
-      {"10.1.2.0/99", "http://10.1.2.0/", false},
-      {"0.0.0.0/0", "http://10.1.2.3/", true},
-      {"::1", "http://[::1]/", true},
-      {"[::1]:80", "http://[::1]/", true},
-      {"[::1]:81", "http://[::1]/", false},
-      {"fe80::/10", "http://[fe80::1]/", true},
-      {",,", "http://a.test/", false},
-      {".", "http://a.test/", false},
-  };
-  for (const auto& row : rows) {
-    EXPECT_EQ(Proxy::isExempt(*Url::parse(row.url), row.list), row.exempt) << row.list << " " << row.url;
-  }
-}
-
-TEST(ProxyTest, TheVariableOfTheTargetsSchemeNamesTheProxyLowerCaseFirst) {
-  Sandbox sandbox;
-  sandbox.set("HTTP_PROXY", "http://upper.test:1");
-  sandbox.set("http_proxy", "http://lower.test:2");
-  sandbox.set("https_proxy", "");
-  sandbox.set("HTTPS_PROXY", "secure.test:3");
-  const auto proxyOf = [](const char* url) {
-    const auto server = Proxy::forTarget(*Url::parse(url));
-    return server ? server->at.authority() : "none";
-  };
-  EXPECT_EQ(proxyOf("http://a.test/"), "lower.test:2");
-  EXPECT_EQ(proxyOf("https://a.test/"), "secure.test:3");
-  sandbox.set("NO_PROXY", "a.test");
-  EXPECT_EQ(proxyOf("http://a.test/"), "none");
-  EXPECT_EQ(proxyOf("https://b.test/"), "secure.test:3");
 }
 
 }  // namespace

@@ -1,122 +1,87 @@
 #include "Tests/Support/FakeControlPlane.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <fnmatch.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <openssl/pem.h>
-#include <openssl/ssl.h>
-#include <poll.h>
-#include <signal.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl/context.hpp>
+#include <boost/asio/ssl/stream.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http/read.hpp>
+#include <boost/beast/http/string_body.hpp>
 #include <cctype>
+#include <cerrno>
 #include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
 #include <deque>
 #include <mutex>
-#include <stdexcept>
+#include <set>
 #include <thread>
 
+namespace asio = boost::asio;
+namespace http = boost::beast::http;
+using asio::ip::tcp;
+using boost::system::error_code;
+using std::chrono::milliseconds;
 using Reply = FakeControlPlane::Reply;
 using Request = FakeControlPlane::Request;
 using Fault = FakeControlPlane::Fault;
 
 namespace {
 
-struct FreeTls {
-  void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
-  void operator()(SSL* tls) const { SSL_free(tls); }
-};
-
 // One accepted connection, plain or, after `handshake`, under TLS.
-class Channel {
- public:
-  explicit Channel(int descriptor) : descriptor_(descriptor) {}
-  ~Channel() {
-    if (descriptor_ >= 0) ::close(descriptor_);
-  }
-  Channel(const Channel&) = delete;
-  Channel& operator=(const Channel&) = delete;
+struct Channel {
+  tcp::socket socket;
+  std::optional<asio::ssl::stream<tcp::socket&>> tls = {};
+  boost::beast::flat_buffer unread = {};
 
-  bool handshake(SSL_CTX* context) {
-    tls_.reset(SSL_new(context));
-    return SSL_set_fd(tls_.get(), descriptor_) == 1 && SSL_accept(tls_.get()) == 1;
-  }
-
-  bool read(std::string& into) {
-    char bytes[16384];
-    const auto count = tls_ ? SSL_read(tls_.get(), bytes, sizeof bytes)
-                            : static_cast<int>(::recv(descriptor_, bytes, sizeof bytes, 0));
-    if (count <= 0) return false;
-    into.append(bytes, static_cast<std::size_t>(count));
-    return true;
+  bool handshake(asio::ssl::context& context) {
+    error_code error;
+    tls.emplace(socket, context).handshake(asio::ssl::stream_base::server, error);
+    return !error;
   }
 
   bool write(std::string_view bytes) {
-    while (!bytes.empty()) {
-      const auto count = tls_ ? SSL_write(tls_.get(), bytes.data(), static_cast<int>(bytes.size()))
-                              : ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-      if (count <= 0) return false;
-      bytes.remove_prefix(static_cast<std::size_t>(count));
+    error_code error;
+    const auto buffer = asio::buffer(bytes.data(), bytes.size());
+    tls ? asio::write(*tls, buffer, error) : asio::write(socket, buffer, error);
+    return !error;
+  }
+
+  // The next request; absent when the client ends first.
+  std::optional<Request> read(bool headOnly) {
+    http::request_parser<http::string_body> parser;
+    parser.body_limit(boost::none);
+    error_code error;
+    const auto readFrom = [&](auto& stream) {
+      headOnly ? http::read_header(stream, unread, parser, error) : http::read(stream, unread, parser, error);
+    };
+    tls ? readFrom(*tls) : readFrom(socket);
+    if (error) return std::nullopt;
+    const auto message = parser.release();
+    Request request;
+    request.method = std::string(message.method_string());
+    request.target = std::string(message.target());
+    for (const auto& field : message) {
+      std::string name(field.name_string());
+      std::ranges::transform(name, name.begin(), [](unsigned char c) { return std::tolower(c); });
+      request.headers[name] = std::string(field.value());
     }
-    return true;
+    request.body = message.body();
+    request.json = Json::parseObject(request.body).value_or(Json::Object{});
+    return request;
   }
-
-  void reset() {
-    const linger now{1, 0};
-    ::setsockopt(descriptor_, SOL_SOCKET, SO_LINGER, &now, sizeof now);
-  }
-
- private:
-  int descriptor_;
-  std::unique_ptr<SSL, FreeTls> tls_;
 };
 
-// Takes one whole request off the front of `buffered`, reading on as needed; absent when the client ends
-// first.
-std::optional<Request> readRequest(Channel& channel, std::string& buffered) {
-  std::size_t end;
-  while ((end = buffered.find("\r\n\r\n")) == std::string::npos) {
-    if (!channel.read(buffered)) return std::nullopt;
-  }
-  Request request;
-  const std::string head = buffered.substr(0, end + 2);
-  const auto firstLine = head.substr(0, head.find("\r\n"));
-  request.method = firstLine.substr(0, firstLine.find(' '));
-  request.target =
-      firstLine.substr(request.method.size() + 1, firstLine.rfind(' ') - request.method.size() - 1);
-  for (std::size_t at = firstLine.size() + 2; at < head.size();) {
-    const auto lineEnd = head.find("\r\n", at);
-    const auto colon = head.find(':', at);
-    std::string name = head.substr(at, colon - at);
-    for (auto& letter : name)
-      letter = static_cast<char>(std::tolower(static_cast<unsigned char>(letter)));
-    auto valueAt = head.find_first_not_of(' ', colon + 1);
-    request.headers[name] = head.substr(valueAt, lineEnd - valueAt);
-    at = lineEnd + 2;
-  }
-  buffered.erase(0, end + 4);
-  const auto length = request.headers.find("content-length");
-  const auto size = length == request.headers.end() ? 0 : std::stoul(length->second);
-  while (buffered.size() < size) {
-    if (!channel.read(buffered)) return std::nullopt;
-  }
-  request.body = buffered.substr(0, size);
-  buffered.erase(0, size);
-  request.json = Json::parseObject(request.body).value_or(Json::Object{});
-  return request;
-}
-
 std::string headOf(const Reply& reply) {
-  const bool bodiless = reply.status == 204 || reply.status == 304 || reply.tlsAfter;
-  std::string head = "HTTP/1.1 " + std::to_string(reply.status) + " Scripted\r\n";
+  std::string head = reply.before + "HTTP/1.1 " + std::to_string(reply.status) + " Scripted\r\n";
   for (const auto& [name, value] : reply.headers)
     head += name + ": " + value + "\r\n";
+  const bool bodiless = reply.status == 204 || reply.status == 304 || reply.tlsAfter;
   if (reply.chunked) {
     head += "Transfer-Encoding: chunked\r\n";
   } else if (!bodiless && !reply.untilClose) {
@@ -127,7 +92,8 @@ std::string headOf(const Reply& reply) {
 }
 
 std::string bodyOf(const Reply& reply) {
-  if (!reply.chunked || reply.body.empty()) return reply.chunked ? "0\r\n\r\n" : reply.body;
+  if (reply.status == 204 || reply.status == 304 || reply.tlsAfter) return "";
+  if (!reply.chunked) return reply.body;
   const auto half = reply.body.size() / 2;
   std::string chunks;
   for (const auto& part : {reply.body.substr(0, half), reply.body.substr(half)}) {
@@ -142,222 +108,152 @@ std::string bodyOf(const Reply& reply) {
 
 struct FakeControlPlane::State {
   Options options;
-  int listener = -1;
-  int port = 0;
-  int wake[2] = {-1, -1};
-  std::vector<int> crowd;  // connections that fill the queue of a server that never accepts
-  std::unique_ptr<SSL_CTX, FreeTls> tls;
+  asio::io_context context;
+  tcp::acceptor listener{context};
+  std::vector<tcp::socket> crowd;  // connections that fill the queue of a server that never accepts
+  std::optional<asio::ssl::context> tls;
   std::thread acceptor;
 
   mutable std::mutex mutex;
   std::condition_variable changed;
   bool stopping = false;
   int connections = 0;
-  std::map<int, int> open;  // connection number to descriptor
+  std::set<int> open;  // descriptors
   std::vector<std::thread> threads;
   std::vector<Request> requests;
   std::deque<Reply> script;
   std::vector<std::pair<std::string, Handler>> handlers;
 
-  void listenAt();
-  void crowdOut();
-  void setUpTls();
-  void acceptAll();
-  void serve(int number, int descriptor);
-  Reply replyTo(const Request& request);
-  bool answer(Channel& channel, const Reply& reply);
-  bool drip(Channel& channel, std::string_view bytes, std::chrono::milliseconds pause);
-  void waitForEnd();
-  bool pause(std::chrono::milliseconds time);  // false when the server stops meanwhile
-};
-
-void FakeControlPlane::State::listenAt() {
-  const bool six = options.ipv6;
-  listener = ::socket(six ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_storage storage{};
-  socklen_t size;
-  const auto wanted = htons(static_cast<std::uint16_t>(options.port));
-  if (six) {
-    auto& address = reinterpret_cast<sockaddr_in6&>(storage);
-    address.sin6_family = AF_INET6;
-    address.sin6_addr = in6addr_loopback;
-    address.sin6_port = wanted;
-    size = sizeof address;
-  } else {
-    auto& address = reinterpret_cast<sockaddr_in&>(storage);
-    address.sin_family = AF_INET;
-    inet_pton(AF_INET, options.address.empty() ? "127.0.0.1" : options.address.c_str(), &address.sin_addr);
-    address.sin_port = wanted;
-    size = sizeof address;
+  void listen() {
+    const tcp::endpoint at(asio::ip::make_address(options.address), static_cast<std::uint16_t>(options.port));
+    listener.open(at.protocol());
+    ::fcntl(listener.native_handle(), F_SETFD, FD_CLOEXEC);
+    listener.set_option(tcp::acceptor::reuse_address(true));
+    listener.bind(at);
+    listener.listen(options.unaccepting ? 0 : 128);
+    while (options.unaccepting && crowd.size() < 4) {
+      auto& socket = crowd.emplace_back(context, at.protocol());
+      ::fcntl(socket.native_handle(), F_SETFD, FD_CLOEXEC);
+      socket.async_connect(listener.local_endpoint(), [](const error_code&) {});
+    }
   }
-  const int yes = 1;
-  ::setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-  auto* generic = reinterpret_cast<sockaddr*>(&storage);
-  if (::bind(listener, generic, size) != 0 || ::listen(listener, options.unaccepting ? 0 : 128) != 0 ||
-      ::getsockname(listener, generic, &size) != 0 || ::pipe2(wake, O_CLOEXEC) != 0) {
-    throw std::runtime_error("the test server cannot listen");
+
+  void setUpTls() {
+    tls.emplace(asio::ssl::context::tls_server);
+    tls->use_certificate(asio::buffer(options.certificate->pem), asio::ssl::context::pem);
+    tls->use_private_key(asio::buffer(options.certificate->key), asio::ssl::context::pem);
+    if (!options.oldTls) return;
+    SSL_CTX_set_security_level(tls->native_handle(), 0);
+    SSL_CTX_set_max_proto_version(tls->native_handle(), TLS1_1_VERSION);
   }
-  port = ntohs(six ? reinterpret_cast<sockaddr_in6&>(storage).sin6_port
-                   : reinterpret_cast<sockaddr_in&>(storage).sin_port);
-}
 
-void FakeControlPlane::State::crowdOut() {
-  sockaddr_storage storage{};
-  socklen_t size = sizeof storage;
-  ::getsockname(listener, reinterpret_cast<sockaddr*>(&storage), &size);
-  for (int i = 0; i < 4; ++i) {
-    crowd.push_back(::socket(storage.ss_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    ::connect(crowd.back(), reinterpret_cast<sockaddr*>(&storage), size);
+  void acceptAll() {
+    int descriptor;
+    while ((descriptor = ::accept4(listener.native_handle(), nullptr, nullptr, SOCK_CLOEXEC)) >= 0 ||
+           errno != EINVAL) {
+      if (descriptor < 0) continue;
+      const std::lock_guard lock(mutex);
+      open.insert(descriptor);
+      threads.emplace_back([this, number = ++connections, descriptor] { serve(number, descriptor); });
+    }
   }
-}
 
-void FakeControlPlane::State::setUpTls() {
-  tls.reset(SSL_CTX_new(TLS_server_method()));
-  const auto load = [](const std::string& pem, auto read) {
-    BIO* bio = BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size()));
-    auto* object = read(bio, nullptr, nullptr, nullptr);
-    BIO_free(bio);
-    return object;
-  };
-  X509* certificate = load(options.certificate->pem, PEM_read_bio_X509);
-  EVP_PKEY* key = load(options.certificate->key, PEM_read_bio_PrivateKey);
-  const bool loaded =
-      SSL_CTX_use_certificate(tls.get(), certificate) == 1 && SSL_CTX_use_PrivateKey(tls.get(), key) == 1;
-  X509_free(certificate);
-  EVP_PKEY_free(key);
-  if (!loaded) throw std::runtime_error("the test server cannot use its certificate");
-}
-
-void FakeControlPlane::State::acceptAll() {
-  // A client that has gone raises SIGPIPE on a TLS write; blocked here, it stays with this thread.
-  sigset_t pipe;
-  sigemptyset(&pipe);
-  sigaddset(&pipe, SIGPIPE);
-  pthread_sigmask(SIG_BLOCK, &pipe, nullptr);
-  pollfd waiting[] = {{listener, POLLIN, 0}, {wake[0], POLLIN, 0}};
-  while (::poll(waiting, 2, -1) >= 0 && waiting[1].revents == 0) {
-    const int descriptor = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    if (descriptor < 0) continue;
-    const int yes = 1;
-    ::setsockopt(descriptor, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+  void serve(int number, int descriptor) {
+    Channel channel{tcp::socket(context, listener.local_endpoint().protocol(), descriptor)};
+    channel.socket.set_option(tcp::no_delay(true));
+    converse(channel, number);
     const std::lock_guard lock(mutex);
-    const int number = ++connections;
-    open[number] = descriptor;
-    threads.emplace_back([this, number, descriptor] { serve(number, descriptor); });
+    open.erase(descriptor);
+    channel.socket.close();
   }
-}
 
-void FakeControlPlane::State::serve(int number, int descriptor) {
-  Channel channel(descriptor);
-  const auto converse = [&] {
+  void converse(Channel& channel, int number) {
     if (options.deaf) return waitForEnd();
-    if (tls && !options.plainFirst && !channel.handshake(tls.get())) return;
-    std::string buffered;
-    while (auto request = readRequest(channel, buffered)) {
+    if (tls && !options.plainFirst && !channel.handshake(*tls)) return;
+    while (auto request = channel.read(options.hasty)) {
       request->connection = number;
       const Reply reply = replyTo(*request);
-      if (!answer(channel, reply)) return;
-      if (reply.tlsAfter && !channel.handshake(tls.get())) return;
+      const bool goesOn = answer(channel, reply);
+      if (options.hasty && !reply.closeAfter) waitForEnd();
+      if (!goesOn || (reply.tlsAfter && !channel.handshake(*tls))) return;
     }
-  };
-  converse();
-  const std::lock_guard lock(mutex);
-  open.erase(number);
-}
+  }
 
-Reply FakeControlPlane::State::replyTo(const Request& request) {
-  Handler handler;
-  {
-    const std::lock_guard lock(mutex);
+  Reply replyTo(const Request& request) {
+    std::unique_lock lock(mutex);
     requests.push_back(request);
     if (!script.empty()) {
       Reply reply = std::move(script.front());
       script.pop_front();
       return reply;
     }
+    Handler handler;
     for (const auto& [pattern, candidate] : handlers) {
       if (::fnmatch(pattern.c_str(), request.path().c_str(), 0) == 0) handler = candidate;
     }
+    lock.unlock();
+    return handler ? handler(request) : Reply{};
   }
-  return handler ? handler(request) : Reply{};
-}
 
-// False when the connection is to be closed.
-bool FakeControlPlane::State::answer(Channel& channel, const Reply& reply) {
-  if (!pause(reply.delay)) return false;
-  if (reply.fault == Fault::resetBeforeHead) channel.reset();
-  if (reply.fault == Fault::resetBeforeHead || reply.fault == Fault::closeBeforeHead) return false;
-  if (reply.fault == Fault::silence) return waitForEnd(), false;
-  if (reply.raw) return drip(channel, *reply.raw, reply.drip) && !reply.closeAfter;
-
-  const std::string head = headOf(reply);
-  if (reply.fault == Fault::closeInHead) {
-    channel.write(head.substr(0, head.size() / 2));
-    return false;
-  }
-  if (!channel.write(reply.before) || !drip(channel, head, reply.drip)) return false;
-  if (reply.tlsAfter) return true;
-  if (reply.fault == Fault::endlessBody) {
-    while (channel.write(std::string(65536, 'x'))) {
+  // False when the connection is to be closed.
+  bool answer(Channel& channel, const Reply& reply) {
+    const std::string head = reply.raw ? *reply.raw : headOf(reply);
+    std::string text = reply.raw ? head : head + bodyOf(reply);
+    if (reply.fault == Fault::closeInHead) {
+      text.resize(head.size() / 2);
+    } else if (reply.fault == Fault::closeInBody || reply.fault == Fault::silenceInBody) {
+      text.resize((head.size() + text.size()) / 2);
+    } else if (reply.fault != Fault::none && reply.fault != Fault::endlessBody) {
+      text.clear();
     }
-    return false;
+    const auto headEnd = std::min(head.size(), text.size());
+    if (!pause(reply.delay) || !drip(channel, text.substr(0, headEnd), reply.drip)) return false;
+    if (!drip(channel, text.substr(headEnd), std::max(reply.drip, reply.dripBody))) return false;
+    while (reply.fault == Fault::endlessBody && channel.write(std::string(65536, 'x'))) {
+    }
+    error_code ignored;
+    if (reply.untilClose) channel.socket.shutdown(tcp::socket::shutdown_send, ignored);
+    if (reply.fault == Fault::silence || reply.fault == Fault::silenceInBody) waitForEnd();
+    if (reply.fault == Fault::resetBeforeHead) channel.socket.set_option(tcp::socket::linger(true, 0));
+    return reply.fault == Fault::none && !reply.closeAfter;
   }
-  std::string body = reply.status == 204 || reply.status == 304 ? "" : bodyOf(reply);
-  if (reply.fault == Fault::closeInBody || reply.fault == Fault::silenceInBody) {
-    channel.write(body.substr(0, body.size() / 2));
-    if (reply.fault == Fault::silenceInBody) waitForEnd();
-    return false;
+
+  bool drip(Channel& channel, const std::string& bytes, milliseconds each) {
+    if (each.count() == 0) return channel.write(bytes);
+    return std::ranges::all_of(bytes, [&](char byte) { return channel.write({&byte, 1}) && pause(each); });
   }
-  return drip(channel, body, std::max(reply.drip, reply.dripBody)) && !reply.closeAfter && !reply.untilClose;
-}
 
-bool FakeControlPlane::State::drip(Channel& channel, std::string_view bytes, std::chrono::milliseconds each) {
-  if (each.count() == 0) return channel.write(bytes);
-  for (std::size_t i = 0; i < bytes.size(); ++i) {
-    if (!channel.write(bytes.substr(i, 1)) || !pause(each)) return false;
+  void waitForEnd() { pause(std::chrono::hours(24)); }
+
+  // False when the server stops meanwhile.
+  bool pause(milliseconds time) {
+    std::unique_lock lock(mutex);
+    return !changed.wait_for(lock, time, [&] { return stopping; });
   }
-  return true;
-}
-
-void FakeControlPlane::State::waitForEnd() {
-  std::unique_lock lock(mutex);
-  changed.wait(lock, [&] { return stopping; });
-}
-
-bool FakeControlPlane::State::pause(std::chrono::milliseconds time) {
-  std::unique_lock lock(mutex);
-  return !changed.wait_for(lock, time, [&] { return stopping; });
-}
+};
 
 FakeControlPlane::FakeControlPlane() : FakeControlPlane(Options{}) {}
 
 FakeControlPlane::FakeControlPlane(Options options) : state_(std::make_unique<State>()) {
   state_->options = std::move(options);
-  state_->listenAt();
+  state_->listen();
   if (state_->options.certificate) state_->setUpTls();
-  if (state_->options.unaccepting) {
-    state_->crowdOut();
-  } else {
-    state_->acceptor = std::thread([state = state_.get()] { state->acceptAll(); });
-  }
+  if (state_->options.unaccepting) return;
+  state_->acceptor = std::thread([state = state_.get()] { state->acceptAll(); });
 }
 
 FakeControlPlane::~FakeControlPlane() {
-  if (::write(state_->wake[1], "x", 1) < 0) std::abort();
+  ::shutdown(state_->listener.native_handle(), SHUT_RDWR);
   if (state_->acceptor.joinable()) state_->acceptor.join();
   {
     const std::lock_guard lock(state_->mutex);
     state_->stopping = true;
-    for (const auto& [number, descriptor] : state_->open)
+    for (const int descriptor : state_->open)
       ::shutdown(descriptor, SHUT_RDWR);
   }
   state_->changed.notify_all();
   for (auto& thread : state_->threads)
     thread.join();
-  for (const int descriptor : state_->crowd)
-    ::close(descriptor);
-  for (const int descriptor : {state_->listener, state_->wake[0], state_->wake[1]})
-    ::close(descriptor);
 }
 
 void FakeControlPlane::on(const std::string& pattern, Handler handler) {
@@ -365,18 +261,9 @@ void FakeControlPlane::on(const std::string& pattern, Handler handler) {
   state_->handlers.emplace_back(pattern, std::move(handler));
 }
 
-void FakeControlPlane::on(const std::string& pattern, Reply reply) {
-  on(pattern, [reply = std::move(reply)](const Request&) { return reply; });
-}
-
-void FakeControlPlane::on(const std::string& pattern, Json::Object body) {
-  on(pattern, json(std::move(body)));
-}
-
 void FakeControlPlane::next(std::vector<Reply> replies) {
   const std::lock_guard lock(state_->mutex);
-  for (auto& reply : replies)
-    state_->script.push_back(std::move(reply));
+  std::ranges::move(replies, std::back_inserter(state_->script));
 }
 
 std::vector<Request> FakeControlPlane::requests() const {
@@ -398,35 +285,15 @@ int FakeControlPlane::connections() const {
 }
 
 int FakeControlPlane::port() const {
-  return state_->port;
+  return state_->listener.local_endpoint().port();
 }
 
 std::string FakeControlPlane::url() const {
   const auto& address = state_->options.address;
-  return url(state_->options.ipv6 ? "[::1]" : address.empty() ? "127.0.0.1" : address);
+  return url(address.find(':') == address.npos ? address : "[" + address + "]");
 }
 
 std::string FakeControlPlane::url(const std::string& host) const {
-  const bool secure = state_->tls && !state_->options.plainFirst;
-  return (secure ? "https://" : "http://") + host + ":" + std::to_string(state_->port);
-}
-
-Reply FakeControlPlane::json(Json::Object body, int status) {
-  Reply reply;
-  reply.status = status;
-  reply.body = Json(std::move(body)).compact();
-  return reply;
-}
-
-Reply FakeControlPlane::status(int status, std::string body) {
-  Reply reply;
-  reply.status = status;
-  reply.body = std::move(body);
-  return reply;
-}
-
-Reply FakeControlPlane::failing(Fault fault) {
-  Reply reply;
-  reply.fault = fault;
-  return reply;
+  const char* scheme = state_->tls && !state_->options.plainFirst ? "https://" : "http://";
+  return scheme + host + ":" + std::to_string(port());
 }

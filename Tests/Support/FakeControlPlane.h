@@ -60,12 +60,13 @@ class FakeControlPlane {
 
   struct Options {
     std::optional<Certificate> certificate = {};  // speaks TLS from the first byte, unless `plainFirst`
-    bool plainFirst = false;  // TLS only after a reply with `tlsAfter`, as a proxy's tunnel
-    bool ipv6 = false;
+    bool plainFirst = false;   // TLS only after a reply with `tlsAfter`, as a proxy's tunnel
+    bool oldTls = false;       // TLS 1.1 at most
     bool deaf = false;         // accepts connections and never reads a byte
+    bool hasty = false;        // answers as soon as it has a request's head, and never reads on
     bool unaccepting = false;  // never accepts: a client's connection is never established
-    std::string address = {};  // "127.0.0.1" or "::1" when empty
-    int port = 0;              // chosen by the system when 0
+    std::string address = "127.0.0.1";
+    int port = 0;  // chosen by the system when 0
   };
 
   // Answers 200 with the empty object until told otherwise.
@@ -78,8 +79,10 @@ class FakeControlPlane {
   // What requests to the paths that match `pattern` ("*" stands for any text, "/" included) are answered from
   // now on. Of several patterns that match the one given last holds.
   void on(const std::string& pattern, Handler handler);
-  void on(const std::string& pattern, Reply reply);
-  void on(const std::string& pattern, Json::Object body);
+  void on(const std::string& pattern, const Reply& reply) {
+    on(pattern, [reply](const Request&) { return reply; });
+  }
+  void on(const std::string& pattern, Json::Object body) { on(pattern, json(std::move(body))); }
 
   // Answers for the very next requests, one each, before any pattern is looked at.
   void next(std::vector<Reply> replies);
@@ -90,14 +93,18 @@ class FakeControlPlane {
   int connections() const;  // accepted so far
 
   int port() const;
-  std::string url() const;  // http://127.0.0.1:PORT, or https, or with [::1]
+  std::string url() const;  // http://127.0.0.1:PORT, or https, or with another address
   // The same with another host name.
   std::string url(const std::string& host) const;
 
   // A JSON answer.
-  static Reply json(Json::Object body, int status = 200);
-  static Reply status(int status, std::string body = "{}");
-  static Reply failing(Fault fault);
+  static Reply json(Json::Object body, int status = 200) {
+    return {.status = status, .body = Json(std::move(body)).compact()};
+  }
+  static Reply status(int status, std::string body = "{}") {
+    return {.status = status, .body = std::move(body)};
+  }
+  static Reply failing(Fault fault) { return {.fault = fault}; }
 
  private:
   struct State;
