@@ -84,8 +84,11 @@ std::optional<bool> TimeBudget::ask(const Question& question) {
   while (::read(ends[0], &answer, 1) < 0 && errno == EINTR) {
   }
   ::close(ends[0]);
-  while (::waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
+  int status = 0;
+  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
   }
+  // Its clock may be a little ahead of ours.
+  if (WIFSIGNALED(status) && WTERMSIG(status) == SIGPROF) *this = TimeBudget(std::chrono::milliseconds(0));
   if (answer == unanswered) return std::nullopt;
   return answer == yes;
 }
