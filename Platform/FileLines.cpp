@@ -36,7 +36,7 @@ class Chunks {
   }
 
  private:
-  static constexpr std::size_t chunkSize = 256 * 1024;
+  static constexpr std::size_t chunkSize = 128 * 1024;
   struct Free {
     void operator()(char* bytes) const { ::free(bytes); }
   };

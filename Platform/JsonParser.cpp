@@ -55,25 +55,28 @@ NumberForm numberForm(std::string_view token) {
   return form;
 }
 
-std::optional<Json> number(std::string_view token) {
-  NumberForm form = numberForm(token);
-  if (!form.valid) return std::nullopt;
+bool number(Json& out, std::string_view token) {
+  const NumberForm form = numberForm(token);
   const char *first = token.data(), *const end = first + token.size();
   std::int64_t integer = 0;
-  if (form.integral && std::from_chars(first, end, integer).ec == std::errc()) return Json(integer);
   double value = 0;
-  if (std::from_chars(first, end, value).ec == std::errc::result_out_of_range) {
-    constexpr double most = std::numeric_limits<double>::max();
-    value = std::clamp(std::strtod(std::string(token).c_str(), nullptr), -most, most);
+  if (form.integral && std::from_chars(first, end, integer).ec == std::errc()) {
+    out = integer;
+  } else {
+    if (std::from_chars(first, end, value).ec == std::errc::result_out_of_range) {
+      constexpr double most = std::numeric_limits<double>::max();
+      value = std::clamp(std::strtod(std::string(token).c_str(), nullptr), -most, most);
+    }
+    out = value;
   }
-  return Json(value);
+  return form.valid;
 }
 
-std::optional<Json> literalOrNumber(std::string_view token) {
-  if (token == "null") return Json(nullptr);
-  if (token == "true") return Json(true);
-  if (token == "false") return Json(false);
-  return number(token);
+bool literalOrNumber(Json& out, std::string_view token) {
+  if (token == "null") return true;
+  if (token != "true" && token != "false") return number(out, token);
+  out = token == "true";
+  return true;
 }
 
 bool isLiteralOrNumber(std::string_view token) {
@@ -113,8 +116,8 @@ class Parser {
   }
 
   std::optional<Json> build(const Json::Selection& selected) {
-    auto root = value(0, selected);
-    return root && next_ == end_ ? std::move(root) : std::nullopt;
+    Json root;
+    return value(root, 0, selected) && next_ == end_ ? std::optional(std::move(root)) : std::nullopt;
   }
 
  private:
@@ -143,44 +146,50 @@ class Parser {
     return token.substr(1, token.size() - 2);
   }
 
-  std::optional<Json> value(int depth, const Json::Selection& selected) {
+  // Takes one value into `out`, which is null before. False when it is malformed.
+  bool value(Json& out, int depth, const Json::Selection& selected) {
     switch (peek()) {
       case '[':
-        return depth < Json::maxDepth ? array(depth + 1, selected) : std::nullopt;
+        return depth < Json::maxDepth && array(out, depth + 1, selected);
       case '{':
-        return depth < Json::maxDepth ? object(depth + 1, selected) : std::nullopt;
+        return depth < Json::maxDepth && object(out, depth + 1, selected);
       case '"':
-        return Json(JsonEscapes::resolved(JsonEscapes::beginning(takeContent(), selected.enough)));
+        out = JsonEscapes::resolved(JsonEscapes::beginning(takeContent(), selected.enough));
+        return true;
       default:
-        return literalOrNumber(takeToken());
+        return literalOrNumber(out, takeToken());
     }
   }
 
-  std::optional<Json> array(int depth, const Json::Selection& selected) {
+  bool array(Json& out, int depth, const Json::Selection& selected) {
     Json::Array elements;
     take('[');
-    if (take(']')) return Json(std::move(elements));
-    do {
-      auto element = value(depth, selected);
-      if (!element) return std::nullopt;
-      elements.push_back(std::move(*element));
-    } while (take(','));
-    return take(']') ? std::optional<Json>(std::move(elements)) : std::nullopt;
+    if (!take(']')) {
+      do {
+        if (!value(elements.emplace_back(), depth, selected)) return false;
+      } while (take(','));
+      if (!take(']')) return false;
+    }
+    out = std::move(elements);
+    return true;
   }
 
-  std::optional<Json> object(int depth, const Json::Selection& selected) {
+  bool object(Json& out, int depth, const Json::Selection& selected) {
     std::vector<Json::Member> members;
     take('{');
-    if (take('}')) return Json(Json::Object());
-    members.reserve(selected.within.empty() ? 8 : selected.within.size());
-    do {
-      if (peek() != '"' || !member(depth, selected, members)) return std::nullopt;
-    } while (take(','));
-    return take('}') ? std::optional<Json>(Json::Object(std::move(members))) : std::nullopt;
+    if (!take('}')) {
+      members.reserve(selected.within.empty() ? 8 : selected.within.size());
+      do {
+        if (peek() != '"' || !member(members, depth, selected)) return false;
+      } while (take(','));
+      if (!take('}')) return false;
+    }
+    out = Json::Object(std::move(members));
+    return true;
   }
 
   // Takes one member, and appends it to `members` when it is selected.
-  bool member(int depth, const Json::Selection& selected, std::vector<Json::Member>& members) {
+  bool member(std::vector<Json::Member>& members, int depth, const Json::Selection& selected) {
     std::string_view key = takeContent();
     std::string spelled;
     if (key.find('\\') != key.npos) key = spelled = JsonEscapes::resolved(key);
@@ -191,10 +200,8 @@ class Parser {
       if (found == selected.within.end()) return skip(depth);
       chosen = &*found;
     }
-    auto built = value(depth, *chosen);
-    if (!built) return false;
-    members.push_back({std::string(key), std::move(*built)});
-    return true;
+    members.push_back({std::string(key), nullptr});
+    return value(members.back().value, depth, *chosen);
   }
 
   // Takes one value as `value` does, but builds nothing.

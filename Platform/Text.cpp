@@ -100,6 +100,7 @@ std::size_t standaloneCharacter(std::string_view text) {
 
 // The size of the white space at the front of `text`, 0 when there is none.
 std::size_t leadingSpace(std::string_view text, Space kind) {
+  if (!text.empty() && isAsciiByte(text.front())) text = text.substr(0, 1);
   for (std::size_t size = 1; size <= std::min<std::size_t>(3, text.size()); ++size) {
     if (isSpace(codePoint(text.substr(0, size)), kind)) return size;
   }
@@ -107,6 +108,7 @@ std::size_t leadingSpace(std::string_view text, Space kind) {
 }
 
 std::size_t trailingSpace(std::string_view text, Space kind) {
+  if (!text.empty() && isAsciiByte(text.back())) text = text.substr(text.size() - 1);
   for (std::size_t size = 1; size <= std::min<std::size_t>(3, text.size()); ++size) {
     if (isSpace(codePoint(text.substr(text.size() - size)), kind)) return size;
   }
@@ -153,10 +155,12 @@ std::string mapped(std::string_view text, CaseMapping* mapping) {
 
 std::string_view prefix(std::string_view text, std::size_t count) {
   if (text.size() <= count) return text;
-  std::size_t end = 0;    // of the characters counted so far
-  std::size_t start = 0;  // of the last of them
-  std::size_t counted = 0;
-  std::size_t size = plainCharacter(text);
+  std::size_t end = 0;  // of the characters counted so far
+  while (end < count && isAsciiByte(text[end]) && text[end] != '\r')
+    ++end;
+  std::size_t counted = end;
+  std::size_t start = end > 0 ? end - 1 : 0;  // of the last of them
+  std::size_t size = plainCharacter(text.substr(end));
   for (; counted < count && size > 0; ++counted) {
     start = end;
     end += size;

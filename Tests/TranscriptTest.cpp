@@ -112,7 +112,7 @@ TEST_F(TranscriptTest, TakesTheLinesBehindTheOffset) {
 
 TEST_F(TranscriptTest, FindsLinesWhereverTheChunksOfReadingEnd) {
   // A carriage return and its line feed, a line feed, and a character of three bytes, moved over the place.
-  for (std::size_t chunk : {64u * 1024u, 256u * 1024u, 1024u * 1024u}) {
+  for (std::size_t chunk : {64u * 1024u, 128u * 1024u, 256u * 1024u, 1024u * 1024u}) {
     for (std::size_t shift = 0; shift < 12; ++shift) {
       std::string content =
           "\"" + std::string(chunk - 6 - shift, 'x') + "→\"\r\n1\n" + line("a") + "\n" + line("b");
