@@ -17,7 +17,8 @@ NormalizedEvent normalize(const Json::Object& raw);
 AgentAnswer render(const Outcome& outcome, std::string_view cursorEvent);
 
 // Merges the hook into `~/.cursor/hooks.json`, keeping the hooks of other tools; earlier entries of this one
-// go. A file with anything else in it is first copied beside itself. False when nothing was installed.
+// go. A file that rewriting would lose something of is first copied beside itself, one that cannot
+// be read is moved there. False when nothing was installed.
 bool install(const std::string& binaryPath);
 
 }  // namespace CursorAdapter

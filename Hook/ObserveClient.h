@@ -13,7 +13,7 @@
 
 struct ObserveClient {
   ObriskHookConfig config;
-  std::chrono::milliseconds timeout{30'000};        // of one request; the wait for its answer is 5 s longer
+  std::chrono::milliseconds timeout{30'000};        // without progress; an attempt ends 5 s later in any case
   int maxAttempts = 3;                              // of one post, at least 1
   std::chrono::milliseconds retryBaseDelay{1'000};  // pause after failed attempt n (from 0): this times 2^n
 
