@@ -10,8 +10,6 @@
 
 namespace {
 
-constexpr std::chrono::seconds answerGrace{5};
-
 std::string runPath(const std::string& runID, const char* end) {
   return "/api/v1/observe/runs/" + runID + end;
 }

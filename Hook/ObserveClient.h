@@ -13,7 +13,8 @@
 
 struct ObserveClient {
   ObriskHookConfig config;
-  std::chrono::milliseconds timeout{30'000};        // without progress; an attempt ends 5 s later in any case
+  std::chrono::milliseconds timeout{30'000};        // of an attempt without progress
+  std::chrono::milliseconds answerGrace{5'000};     // an attempt ends so much later in any case
   int maxAttempts = 3;                              // of one post, at least 1
   std::chrono::milliseconds retryBaseDelay{1'000};  // pause after failed attempt n (from 0): this times 2^n
 

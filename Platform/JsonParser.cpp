@@ -87,7 +87,7 @@ using Index = simdjson::internal::dom_parser_implementation;
 
 // The index that the thread's texts are found out with one after the other: fresh memory for each would cost
 // as much as finding what to put there. Null when there is no room for a text of that size.
-std::unique_ptr<Index>& indexFor(std::size_t size) {
+const std::unique_ptr<Index>& indexFor(std::size_t size) {
   thread_local std::unique_ptr<Index> index;
   if (index && index->capacity() >= size) return index;
   const std::size_t capacity = std::max<std::size_t>(size, 64 * 1024);

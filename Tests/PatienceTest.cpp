@@ -154,7 +154,7 @@ TEST_F(Patience, EveryEventMakesAsManyRequestsAsDocumentedAndNoMore) {
 
 TEST_F(Patience, TheDocumentedSecondsFollowFromTheClientsSettings) {
   const ObserveClient client;
-  auto ofOneRequest = client.maxAttempts * (client.timeout + 5s);
+  auto ofOneRequest = client.maxAttempts * (client.timeout + client.answerGrace);
   for (int pause = 0; pause + 1 < client.maxAttempts; ++pause)
     ofOneRequest += client.retryBaseDelay * (1 << pause);
   for (const Row& row : rows) {
@@ -187,6 +187,17 @@ TEST_F(Patience, EveryKindOfSilenceEndsWithTheTimeout) {
       EXPECT_LT(std::chrono::steady_clock::now() - start, documented(row.event).requests * ofOneRequest + 1s)
           << row.event << ": " << name;
     }
+}
+
+TEST_F(Patience, AnAnswerThatKeepsTricklingEndsAllTheSame) {
+  ObserveClient client = daily("deny");
+  client.timeout = 100ms;
+  client.answerGrace = 100ms;
+  client.maxAttempts = 1;
+  plane.on("*", {.body = std::string(10'000, ' '), .drip = 10ms});
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_FALSE(client.checkPolicy("a", "w", "r"));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
 }
 
 TEST_F(Patience, AControlPlaneThatCannotBeReachedIsNotWaitedForBeyondTheTimeout) {
