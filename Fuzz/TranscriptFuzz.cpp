@@ -1,5 +1,5 @@
 // Reads arbitrary bytes as a transcript from an arbitrary offset, and compares the result with a plain
-// reading: the whole file in memory, every line parsed into all its members.
+// reading: the whole file in memory, every line built with all its members.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -26,6 +26,36 @@ std::vector<std::string_view> pieces(std::string_view text) {
   return all;
 }
 
+std::string trimmed(std::string_view text) {
+  return std::string(Text::trim(text, Text::Space::any));
+}
+
+std::string pieceOf(const Json::Object& block) {
+  const std::string& type = block.text("type");
+  if (type == "text") return trimmed(block.text("text"));
+  if (type == "tool_use") return "[tool_use:" + block.optionalText("name").value_or("tool") + "]";
+  std::string result = trimmed(block.text("content"));
+  const Json* content = block.find("content");
+  const Json::Array* parts = content ? content->asObjects() : nullptr;
+  for (std::size_t i = 0; parts && i < parts->size() && result.empty(); ++i) {
+    const Json::Object& part = *(*parts)[i].asObject();
+    if (part.text("type") == "text") result = trimmed(part.text("text"));
+  }
+  return type == "tool_result" && !result.empty() ? "[tool_result] " + std::string(Text::prefix(result, 400))
+                                                  : "";
+}
+
+std::string textOf(const Json::Object& message) {
+  std::string text = message.text("content");
+  const Json* content = message.find("content");
+  const Json::Array* blocks = content ? content->asObjects() : nullptr;
+  for (std::size_t i = 0; blocks && i < blocks->size(); ++i) {
+    std::string piece = pieceOf(*(*blocks)[i].asObject());
+    if (!piece.empty()) text += (text.empty() ? "" : "\n") + piece;
+  }
+  return trimmed(text);
+}
+
 std::string cut(const std::string& text) {
   std::string_view first = Text::prefix(text, 2000);
   return first.size() == text.size() ? text : std::string(Text::prefix(text, 1999)) + "\u2026";
@@ -37,8 +67,11 @@ std::optional<LlmCallData> call(const Json::Object& line) {
   Json::Object usage = metadata && metadata->asObject() ? *metadata->asObject() : line.object("usage");
   if (usage.empty()) usage = message.object("usage");
   auto tokens = [&](const char* key, const char* otherKey) {
-    std::int64_t count = Transcript::intFrom(usage.find(key));
-    return count ? count : Transcript::intFrom(usage.find(otherKey));
+    const auto read = [&](const char* name) {
+      const Json* value = usage.find(name);
+      return value ? Transcript::intFrom(*value) : 0;
+    };
+    return read(key) ? read(key) : read(otherKey);
   };
   LlmCallData call;
   for (const Json::Object* holder : {&message, &line, static_cast<const Json::Object*>(&usage)})
@@ -50,7 +83,7 @@ std::optional<LlmCallData> call(const Json::Object& line) {
   if (call.model.empty() && call.tokensIn <= 0 && call.tokensOut <= 0) return std::nullopt;
   call.cost = Transcript::estimateCost(call.model, call.tokensIn, call.tokensOut);
   call.messageID = message.optionalText("id").value_or(line.text("uuid"));
-  call.responsePreview = cut(Transcript::extractMessageText(message));
+  call.responsePreview = cut(textOf(message));
   call.timestamp = line.text("timestamp");
   return call;
 }
@@ -75,7 +108,7 @@ TranscriptSummary plainReading(std::string_view content, std::int64_t startOffse
     if (!line) continue;
     std::string type = line->text("type");
     if (type == "user") {
-      std::string text = Transcript::extractMessageText(line->object("message"));
+      std::string text = textOf(line->object("message"));
       if (!text.empty()) prompt = cut(text);
     }
     if (type == "tool_use" || type == "tool") ++summary.toolUses;

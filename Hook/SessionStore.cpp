@@ -5,6 +5,7 @@
 
 #include "Platform/Clock.h"
 #include "Platform/Files.h"
+#include "Platform/JsonReader.h"
 #include "Platform/Log.h"
 #include "Platform/Process.h"
 #include "Platform/Text.h"
@@ -15,9 +16,6 @@ namespace {
 
 constexpr std::string_view extension = ".json";
 constexpr auto staleAfter = std::chrono::hours(24);
-
-// What tells whether a record is a peer's.
-constexpr Json::Selection peerMembers[] = {{"cwd"}, {"run_id"}};
 
 std::string stateFile(const std::string& sessionID) {
   return scopedStateDir() + "/" + sessionID + std::string(extension);
@@ -32,8 +30,10 @@ std::optional<SessionState> readState(const std::string& path) {
 // Builds no more of a record than is needed to pass it by: there may be thousands.
 bool isPeer(const std::string& path, const std::string& cwd) {
   auto content = Files::read(path);
-  auto members = content ? Json::parseObject(*content, peerMembers) : std::nullopt;
-  return members && members->text("cwd") == cwd && !members->text("run_id").empty();
+  if (!content) return false;
+  JsonReader reader;
+  const auto [ours, run] = reader.read(*content).members({"cwd", "run_id"});
+  return ours.text() == cwd && !run.text().value_or("").empty();
 }
 
 // A name that is nothing but ".json" is a hidden file without an extension.

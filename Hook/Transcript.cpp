@@ -19,89 +19,92 @@ namespace {
 constexpr std::size_t previewLength = 2000;    // characters
 constexpr std::size_t toolResultLength = 400;  // characters
 
-// All that is read of a line. What else lines carry (the whole files that tools have read, thoughts,
-// signatures) is most of their bytes.
-constexpr Json::Selection resultMembers[] = {{"type"}, {"text", {}, toolResultLength}};
-constexpr Json::Selection blockMembers[] = {
-    {"type"}, {"text", {}, previewLength}, {"name"}, {"content", resultMembers, toolResultLength}};
-constexpr Json::Selection messageMembers[] = {
-    {"id"}, {"model"}, {"usage"}, {"content", blockMembers, previewLength}};
-constexpr Json::Selection lineMembers[] = {
-    {"type"}, {"message", messageMembers}, {"modelMetadata"}, {"usage"}, {"model"}, {"uuid"}, {"timestamp"},
-};
-
-const Json::Object* objectIn(const Json::Object& object, std::string_view key) {
-  const Json* value = object.find(key);
-  return value ? value->asObject() : nullptr;
+std::string trimmed(std::string text) {
+  const std::string_view inner = Text::trim(text, Text::Space::any);
+  if (inner.size() == text.size()) return text;
+  return std::string(inner);
 }
 
-std::string_view trimmed(std::string_view text) {
-  return Text::trim(text, Text::Space::any);
+// The trimmed string, or at least its first `length` characters: what tools returned is most of a transcript,
+// and little of it is read. Empty when `value` is no string.
+std::string trimmedText(JsonView value, std::size_t length) {
+  return trimmed(value.text(length).value_or(""));
 }
 
-std::string preview(std::string_view text) {
+std::string preview(std::string text) {
   // A character has at least one byte.
-  if (text.size() <= previewLength || Text::prefix(text, previewLength).size() == text.size())
-    return std::string(text);
+  if (text.size() <= previewLength || Text::prefix(text, previewLength).size() == text.size()) return text;
   return std::string(Text::prefix(text, previewLength - 1)) + "…";
 }
 
-std::string_view toolResultText(const Json::Object& block) {
-  const Json* content = block.find("content");
-  if (!content) return {};
-  if (content->asText()) return trimmed(*content->asText());
-  if (const Json::Array* parts = content->asObjects()) {
-    for (const Json& part : *parts) {
-      std::string_view text = trimmed(part.asObject()->text("text"));
-      if (part.asObject()->text("type") == "text" && !text.empty()) return text;
-    }
+bool holdsOnlyObjects(JsonView list) {
+  for (JsonView element : list.elements()) {
+    if (!element.isObject()) return false;
   }
-  return {};
+  return list.isList();
+}
+
+std::string toolResultText(JsonView content) {
+  std::string found = trimmedText(content, toolResultLength);
+  if (!holdsOnlyObjects(content)) return found;
+  for (JsonView part : content.elements()) {
+    const auto [type, text] = part.members({"type", "text"});
+    if (found.empty() && type.text() == "text") found = trimmedText(text, toolResultLength);
+  }
+  return found;
 }
 
 // What a block contributes to its message's text; empty when nothing.
-std::string blockText(const Json::Object& block) {
-  const std::string& type = block.text("type");
-  if (type == "text") return std::string(trimmed(block.text("text")));
-  if (type == "tool_use") return "[tool_use:" + block.optionalText("name").value_or("tool") + "]";
+std::string blockText(JsonView block) {
+  const auto [kind, text, name, content] = block.members({"type", "text", "name", "content"});
+  const std::string type = kind.text().value_or("");
+  if (type == "text") return trimmedText(text, previewLength);
+  if (type == "tool_use") return "[tool_use:" + name.text().value_or("tool") + "]";
   if (type == "tool_result") {
-    std::string_view text = Text::prefix(toolResultText(block), toolResultLength);
-    if (!text.empty()) return "[tool_result] " + std::string(text);
+    const std::string result = toolResultText(content);
+    if (!result.empty()) return std::string("[tool_result] ").append(Text::prefix(result, toolResultLength));
   }
   return {};
 }
 
-std::int64_t count(const Json::Object& usage, std::string_view key, std::string_view otherKey) {
-  std::int64_t first = intFrom(usage.find(key));
-  return first != 0 ? first : intFrom(usage.find(otherKey));
+std::int64_t count(JsonView first, JsonView second) {
+  const std::int64_t count = intFrom(first.value());
+  return count != 0 ? count : intFrom(second.value());
 }
 
-const Json::Object& usageOf(const Json::Object& line, const Json::Object& message) {
-  const Json::Object* usage = objectIn(line, "modelMetadata");
-  if (!usage) usage = &line.object("usage");
-  return usage->empty() ? message.object("usage") : *usage;
+// The first of the values that is a string, or the empty string.
+std::string firstText(std::initializer_list<JsonView> values) {
+  for (JsonView value : values) {
+    if (auto text = value.text()) return *text;
+  }
+  return {};
 }
 
 // The call that an assistant line records; absent when it names no model and counts no tokens.
-std::optional<LlmCallData> callFrom(const Json::Object& line, const std::string& promptPreview) {
-  const Json::Object& message = line.object("message");
-  const Json::Object& usage = usageOf(line, message);
-  auto model = usage.optionalText("model");
-  if (!model) model = line.optionalText("model");
+std::optional<LlmCallData> callFrom(JsonView line, JsonView message, const std::string& promptPreview) {
+  const auto [metadata, lineUsage, model, uuid, timestamp] =
+      line.members({"modelMetadata", "usage", "model", "uuid", "timestamp"});
+  const auto [id, messageModel, messageUsage] = message.members({"id", "model", "usage"});
+  JsonView usage = metadata.isObject() ? metadata : lineUsage;
+  if (!usage.isObject() || usage.isEmpty()) usage = messageUsage;
+  // Each count has a name in camel case and, looked at when that counts nothing, one in snake case.
+  const auto [usageModel, in, snakeIn, out, snakeOut, read, snakeRead, creation, snakeCreation] =
+      usage.members({"model", "inputTokens", "input_tokens", "outputTokens", "output_tokens",
+                     "cacheReadInputTokens", "cache_read_input_tokens", "cacheCreationInputTokens",
+                     "cache_creation_input_tokens"});
 
   LlmCallData call;
-  call.model = model ? *model : message.text("model");
-  call.tokensIn = count(usage, "inputTokens", "input_tokens");
-  call.tokensOut = count(usage, "outputTokens", "output_tokens");
-  call.cacheReadTokens = count(usage, "cacheReadInputTokens", "cache_read_input_tokens");
-  call.cacheCreationTokens = count(usage, "cacheCreationInputTokens", "cache_creation_input_tokens");
+  call.model = firstText({usageModel, model, messageModel});
+  call.tokensIn = count(in, snakeIn);
+  call.tokensOut = count(out, snakeOut);
+  call.cacheReadTokens = count(read, snakeRead);
+  call.cacheCreationTokens = count(creation, snakeCreation);
   if (call.model.empty() && call.tokensIn <= 0 && call.tokensOut <= 0) return std::nullopt;
   call.cost = estimateCost(call.model, call.tokensIn, call.tokensOut);
-  auto messageID = message.optionalText("id");
-  call.messageID = messageID ? *messageID : line.text("uuid");
+  call.messageID = firstText({id, uuid});
   call.promptPreview = promptPreview;
   call.responsePreview = preview(extractMessageText(message));
-  call.timestamp = line.text("timestamp");
+  call.timestamp = firstText({timestamp});
   return call;
 }
 
@@ -122,13 +125,14 @@ struct Walk {
   TranscriptSummary summary;
   std::string promptPreview;  // of the latest user text
 
-  void take(const Json::Object& line) {
-    const std::string& type = line.text("type");
+  void take(JsonView line) {
+    const auto [kind, message] = line.members({"type", "message"});
+    const std::string type = kind.text().value_or("");
     if (type == "user") {
-      std::string prompt = extractMessageText(line.object("message"));
-      if (!prompt.empty()) promptPreview = preview(prompt);
+      std::string prompt = extractMessageText(message);
+      if (!prompt.empty()) promptPreview = preview(std::move(prompt));
     } else if (type == "assistant") {
-      if (auto call = callFrom(line, promptPreview)) summary.calls.push_back(std::move(*call));
+      if (auto call = callFrom(line, message, promptPreview)) summary.calls.push_back(std::move(*call));
     } else if (type == "tool_use" || type == "tool") {
       ++summary.toolUses;
     }
@@ -149,11 +153,12 @@ TranscriptSummary parse(const std::string& path, std::int64_t startOffset) {
     return {};
   }
   Walk walk;
+  JsonReader reader;
   bool discarding = startOffset >= 1;
   bool valid = true;
   bool read = Files::forEachLine(path, startOffset, [&](std::string_view piece) {
-    auto line = discarding ? std::nullopt : Json::parseObject(piece, lineMembers);
-    if (line) walk.take(*line);
+    const JsonView line = discarding ? JsonView() : reader.read(piece);
+    walk.take(line);
     discarding = false;
     // The bytes are valid as a whole when every piece is, and what parses is.
     valid = line || Utf8::isValid(piece);
@@ -165,29 +170,27 @@ TranscriptSummary parse(const std::string& path, std::int64_t startOffset) {
   return std::move(walk.summary);
 }
 
-std::string extractMessageText(const Json::Object& message) {
-  const Json* content = message.find("content");
-  if (!content) return "";
-  if (content->asText()) return std::string(trimmed(*content->asText()));
-  const Json::Array* blocks = content->asObjects();
-  if (!blocks) return "";
-  std::string text;
-  for (const Json& block : *blocks) {
-    std::string piece = blockText(*block.asObject());
-    if (!text.empty() && !piece.empty()) text += '\n';
-    text += piece;
+std::string extractMessageText(JsonView message) {
+  const auto [content] = message.members({"content"});
+  std::string text = trimmedText(content, previewLength);
+  if (!holdsOnlyObjects(content)) return text;
+  for (JsonView block : content.elements()) {
+    std::string piece = blockText(block);
+    if (text.empty())
+      text = std::move(piece);
+    else if (!piece.empty())
+      text.append("\n").append(piece);
   }
-  return std::string(trimmed(text));
+  return trimmed(std::move(text));
 }
 
-std::int64_t intFrom(const Json* value) {
-  if (!value) return 0;
-  if (auto integer = value->asInteger()) return *integer;
-  if (auto number = value->asNumber()) {
+std::int64_t intFrom(const Json& value) {
+  if (auto integer = value.asInteger()) return *integer;
+  if (auto number = value.asNumber()) {
     // 2^63 is the first double beyond the range; its negative is the least within it.
     return *number >= -0x1p63 && *number < 0x1p63 ? static_cast<std::int64_t>(*number) : 0;
   }
-  const std::string* text = value->asText();
+  const std::string* text = value.asText();
   if (!text) return 0;
   const char *first = text->data(), *const end = first + text->size();
   if (text->starts_with('+') && !text->starts_with("+-")) ++first;

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Platform/Json.h"
+#include "Platform/JsonReader.h"
 
 // One LLM call: one assistant line of the transcript. Agents write a line per content block, so neighbours
 // may share a message.
@@ -23,7 +23,7 @@ struct LlmCallData {
   std::int64_t cacheReadTokens = 0;      // input tokens read from the prompt cache
   std::int64_t cacheCreationTokens = 0;  // input tokens written to the prompt cache
   double cost = 0;                       // estimated, in US dollars
-  std::string task = "claude_code_turn";
+  std::string_view task = "claude_code_turn";
   std::string messageID;        // empty when none
   std::string promptPreview;    // latest user message before this line, at most 2000 characters
   std::string responsePreview;  // this assistant message, at most 2000 characters
@@ -53,11 +53,11 @@ TranscriptSummary parse(const std::string& path, std::int64_t startOffset);
 
 // The text of a message: its string content, or the text, tool-use and tool-result blocks of its list of
 // blocks, a line each. Empty when there is none.
-std::string extractMessageText(const Json::Object& message);
+std::string extractMessageText(JsonView message);
 
 // A count out of `value`: a number truncated toward zero, or a string of decimal digits with an optional
 // sign. 0 for everything else, for what does not fit 64 bits, and for null (no such member).
-std::int64_t intFrom(const Json* value);
+std::int64_t intFrom(const Json& value);
 
 // US dollars per million tokens.
 struct ModelCost {

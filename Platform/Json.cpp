@@ -6,6 +6,8 @@
 #include <charconv>
 #include <cmath>
 
+#include "Platform/JsonReader.h"
+
 namespace {
 
 constexpr std::string_view replacementCharacter = "\xEF\xBF\xBD";
@@ -110,6 +112,18 @@ struct JsonWriter {
 };
 
 Json::Json(const std::vector<std::string>& strings) : value_(Array(strings.begin(), strings.end())) {}
+
+std::optional<Json> Json::parse(std::string_view text) {
+  JsonReader reader;
+  const JsonView root = reader.read(text);
+  return root ? std::optional(root.value()) : std::nullopt;
+}
+
+std::optional<Json::Object> Json::parseObject(std::string_view text) {
+  auto json = parse(text);
+  auto* object = json ? std::get_if<Object>(&json->value_) : nullptr;
+  return object ? std::optional<Object>(std::move(*object)) : std::nullopt;
+}
 
 std::string Json::compact() const {
   JsonWriter writer{.out = {}, .indent = 0};

@@ -12,7 +12,6 @@
 #include <cstdint>
 #include <initializer_list>
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -77,20 +76,8 @@ class Json {
   // The value of one JSON text of any kind; absent when it is malformed or empty.
   static std::optional<Json> parse(std::string_view text);
 
-  // Which members of an object to build: the one under `key`, and of every object in its value (an element of
-  // a list, too) those that `within` selects, or all of them when it is empty. Of a string that is its value
-  // only a beginning need be built that has more than `enough` user-perceived characters, white space not
-  // counted: whoever reads no more of it sees no difference.
-  struct Selection {
-    std::string_view key;
-    std::span<const Selection> within = {};
-    std::size_t enough = std::string_view::npos;
-  };
-
-  // The members of one JSON text whose top level is an object; absent for every other text. With a
-  // `selection` only the members it names are built: the others are checked as strictly, at a fraction of the
-  // cost.
-  static std::optional<Object> parseObject(std::string_view text, std::span<const Selection> selection = {});
+  // The members of one JSON text whose top level is an object; absent for every other text.
+  static std::optional<Object> parseObject(std::string_view text);
 
   // Compact: no white space. Pretty: two-space indent, one member or element a line, no final line feed.
   // "/" is written as "\/", everything beyond ASCII as UTF-8, control characters as escapes; doubles in the

@@ -68,27 +68,50 @@ std::size_t escapeLength(std::string_view text) {
 
 constexpr std::size_t blockSize = 64;
 
-// One bit for each byte of the block, the lowest for the first: set where a backslash stands that needs a
-// look, which is every one but those before the letters behind most of them. Such a letter is no backslash,
-// so that of several in a row only the last can be left out: what each of the others begins stays the same.
-std::uint64_t backslashesIn(const char* block) {
-  std::uint64_t bits = 0;
+// One bit for each byte of a block, the lowest for the first.
+struct Block {
+  std::uint64_t backslashes = 0;
+  std::uint64_t frequent = 0;  // what stands behind most backslashes that begin an escape
+
+  explicit Block(const char* bytes) {
 #ifdef __SSE2__
-  auto equal = [](__m128i bytes, char c) { return _mm_cmpeq_epi8(bytes, _mm_set1_epi8(c)); };
 #pragma GCC unroll 4
-  for (std::size_t i = 0; i < blockSize; i += 16) {
-    const __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(block + i));
-    const __m128i next = _mm_loadu_si128(reinterpret_cast<const __m128i*>(block + i + 1));
-    const __m128i frequent = _mm_or_si128(_mm_or_si128(equal(next, 'n'), equal(next, '"')), equal(next, 't'));
-    const auto found =
-        static_cast<std::uint32_t>(_mm_movemask_epi8(_mm_andnot_si128(frequent, equal(bytes, '\\'))));
-    bits |= std::uint64_t{found} << i;
-  }
+    for (std::size_t i = 0; i < blockSize; i += 16) {
+      const __m128i some = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + i));
+      auto equal = [&](char c) { return _mm_cmpeq_epi8(some, _mm_set1_epi8(c)); };
+      auto bits = [&](__m128i mask) {
+        return std::uint64_t{static_cast<std::uint32_t>(_mm_movemask_epi8(mask))} << i;
+      };
+      const __m128i backslash = equal('\\');
+      backslashes |= bits(backslash);
+      const __m128i letter = _mm_or_si128(_mm_or_si128(equal('n'), equal('t')), equal('"'));
+      frequent |= bits(_mm_or_si128(letter, backslash));
+    }
 #else
-  for (std::size_t i = 0; i < blockSize; ++i)
-    bits |= std::uint64_t{block[i] == '\\'} << i;
+    for (std::size_t i = 0; i < blockSize; ++i)
+      backslashes |= std::uint64_t{bytes[i] == '\\'} << i;
 #endif
-  return bits;
+  }
+
+  // The bytes behind a backslash that begins an escape. `first` says whether the block's first byte is one,
+  // and then whether the next block's is.
+  std::uint64_t escaped(bool& first) const {
+    // In a row of backslashes every second one, from its start on, begins an escape. Subtracting the row from
+    // the odd bits borrows along it: the bits that flip are those of the escapes, both bytes of each.
+    constexpr std::uint64_t odd = 0xAAAA'AAAA'AAAA'AAAA;
+    const std::uint64_t row = backslashes & ~std::uint64_t{first};
+    const std::uint64_t escapes = (((row << 1) | odd) - row) ^ odd;
+    const std::uint64_t behind = escapes ^ (backslashes | std::uint64_t{first});
+    first = false;
+    if (backslashes >> 63) first = escapes >> 63;  // seldom, so no block waits for the one before
+    return behind;
+  }
+};
+
+// Whether it is one of ASCII's visible characters. No two of them share a user-perceived one (UAX #29),
+// whatever stands around them.
+bool isVisible(char c) {
+  return c > ' ' && c <= '~';
 }
 
 // Appends what the "\uXXXX" escape (or surrogate pair of two) that `text` begins with stands for, and drops
@@ -106,50 +129,36 @@ void takeUnicodeEscape(std::string_view& text, std::string& out) {
 }  // namespace
 
 bool areValid(std::string_view text) {
-  std::size_t at = 0;  // what stands before is valid
-  while (text.size() - at > blockSize) {
-    const std::size_t block = at;
-    std::uint64_t bits = backslashesIn(text.data() + block);
-    at += blockSize;
-    while (bits) {
-      const auto first = static_cast<std::size_t>(std::countr_zero(bits));
-      const std::size_t length = escapeLength(text.substr(block + first));
-      if (length == 0) return false;
-      at = std::max(at, block + first + length);
-      // The escape's own second backslash, where it has one, begins none.
-      bits &= ~(std::uint64_t{3} << first);
+  char last[blockSize] = {};
+  bool first = false;
+  for (std::size_t at = 0;; at += blockSize) {
+    const bool partial = text.size() - at < blockSize;
+    if (partial) text.copy(last, blockSize, at);
+    const Block block(partial ? last : text.data() + at);
+    for (std::uint64_t left = block.escaped(first) & ~block.frequent; left; left &= left - 1) {
+      const std::size_t letter = at + static_cast<std::size_t>(std::countr_zero(left));
+      if (escapeLength(text.substr(letter - 1)) == 0) return false;
     }
+    if (partial) return true;
   }
-  while (at < text.size()) {
-    const std::size_t length = text[at] == '\\' ? escapeLength(text.substr(at)) : 1;
-    if (length == 0) return false;
-    at += length;
-  }
-  return true;
 }
 
-std::string_view beginning(std::string_view content, std::size_t count) {
-  if (content.size() <= count) return content;
-  // No two of ASCII's visible characters share a user-perceived one (UAX #29), whatever stands around them.
-  std::size_t at = 0;
-  for (std::size_t visible = 0; visible <= count; ++at) {
-    if (at >= content.size()) return content;
-    if (content[at] == '\\')
-      at += escapeLength(content.substr(at)) - 1;
-    else
-      visible += content[at] > ' ' && content[at] <= '~';
-  }
-  return content.substr(0, at);
-}
-
-std::string resolved(std::string_view content) {
+std::string resolved(std::string_view content, std::size_t enough) {
+  const bool whole = content.size() <= enough;
   std::string out;
-  out.reserve(content.size());  // no escape is shorter than what it stands for
-  for (;;) {
-    const std::size_t plain = std::min(content.find('\\'), content.size());
-    out += content.substr(0, plain);
+  out.reserve(whole ? content.size() : enough + enough / 2);  // no escape is shorter than what it stands for
+  for (std::size_t lacking = enough;;) {
+    const std::string_view next = whole ? content : content.substr(0, lacking + 1);
+    const std::size_t plain = std::min(next.find('\\'), next.size());
+    out += next.substr(0, plain);
     content.remove_prefix(plain);
+    if (!whole) {
+      const auto visible = static_cast<std::size_t>(std::ranges::count_if(next.substr(0, plain), isVisible));
+      if (visible > lacking) return out;
+      lacking -= visible;
+    }
     if (content.empty()) return out;
+    if (content[0] != '\\') continue;
     if (const char value = escapeValue(content[1])) {
       out += value;
       content.remove_prefix(2);

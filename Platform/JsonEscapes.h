@@ -9,11 +9,9 @@ namespace JsonEscapes {
 // Whether every backslash in `text` begins a well-formed escape.
 bool areValid(std::string_view text);
 
-// As much of the content of a string, whose escapes are valid, as certainly stands for more than `count`
-// user-perceived characters that are not white space; all of it when it is not certain to have as many.
-std::string_view beginning(std::string_view content, std::size_t count);
-
-// The text that the content of a string stands for, given without its quotes; its escapes are valid.
-std::string resolved(std::string_view content);
+// The text that the content of a string stands for, given without its quotes; its escapes are valid. Of a
+// text that is certain to have more than `enough` user-perceived characters other than white space, no more
+// than a beginning that has as many.
+std::string resolved(std::string_view content, std::size_t enough = std::string_view::npos);
 
 }  // namespace JsonEscapes

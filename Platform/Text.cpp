@@ -155,15 +155,18 @@ std::string mapped(std::string_view text, CaseMapping* mapping) {
 
 std::string_view prefix(std::string_view text, std::size_t count) {
   if (text.size() <= count) return text;
-  std::size_t end = 0;  // of the characters counted so far
-  while (end < count && isAsciiByte(text[end]) && text[end] != '\r')
-    ++end;
-  std::size_t counted = end;
-  std::size_t start = end > 0 ? end - 1 : 0;  // of the last of them
-  std::size_t size = plainCharacter(text.substr(end));
-  for (; counted < count && size > 0; ++counted) {
+  std::size_t end = 0, counted = 0;  // of the characters counted so far
+  std::size_t start = 0;             // of the last of them
+  std::size_t size = plainCharacter(text);
+  while (counted < count && size > 0) {
     start = end;
     end += size;
+    ++counted;
+    // ASCII between ASCII, which is most.
+    while (counted < count && end < text.size() && isAsciiByte(text[end]) && text[end] != '\r') {
+      start = end++;
+      ++counted;
+    }
     size = plainCharacter({text.data() + end, text.size() - end});
   }
   if (end == text.size() || count == 0 || (counted == count && size > 0)) return text.substr(0, end);
