@@ -35,21 +35,24 @@ const Transcripts& transcript() {
 }
 
 void readPlainly(benchmark::State& state) {
+  const std::string path = transcript().path();
   for (auto _ : state)
-    benchmark::DoNotOptimize(Files::read(transcript().path()));
+    benchmark::DoNotOptimize(Files::read(path));
   state.SetBytesProcessed(state.iterations() * transcript().size());
 }
 
 void parseWhole(benchmark::State& state) {
+  const std::string path = transcript().path();
   for (auto _ : state)
-    benchmark::DoNotOptimize(Transcript::parse(transcript().path(), 0));
+    benchmark::DoNotOptimize(Transcript::parse(path, 0));
   state.SetBytesProcessed(state.iterations() * transcript().size());
 }
 
 void parseTail(benchmark::State& state) {
-  auto offset = transcript().size() - tailSize;
+  const std::string path = transcript().path();
+  const auto offset = transcript().size() - tailSize;
   for (auto _ : state)
-    benchmark::DoNotOptimize(Transcript::parse(transcript().path(), offset));
+    benchmark::DoNotOptimize(Transcript::parse(path, offset));
   state.SetBytesProcessed(state.iterations() * tailSize);
 }
 
