@@ -1,17 +1,16 @@
 #include "Platform/Json.h"
 
-#include <simdjson.h>
-
 #include <algorithm>
 #include <charconv>
 #include <cmath>
 
+#include "Platform/JsonEscapes.h"
 #include "Platform/JsonReader.h"
+#include "Platform/Utf8.h"
 
 namespace {
 
 constexpr std::string_view replacementCharacter = "\xEF\xBF\xBD";
-constexpr std::string_view escapeLetters = "\"\\/bfnrt", escapeValues = "\"\\/\b\f\n\r\t";
 
 }  // namespace
 
@@ -72,29 +71,8 @@ struct JsonWriter {
 
   void string(std::string_view text) {
     out += '"';
-    if (simdjson::validate_utf8(text.data(), text.size()))
-      escaped(text);
-    else
-      escaped(repaired(text));
+    JsonEscapes::append(out, Utf8::isValid(text) ? text : repaired(text));
     out += '"';
-  }
-
-  void escaped(std::string_view text) {
-    static constexpr char hexadecimal[] = "0123456789abcdef";
-    std::size_t written = 0;
-    for (std::size_t at = 0; at < text.size(); ++at) {
-      auto c = static_cast<unsigned char>(text[at]);
-      if (c >= 0x20 && c != '"' && c != '\\' && c != '/') continue;
-      out += text.substr(written, at - written);
-      written = at + 1;
-      out += '\\';
-      auto which = escapeValues.find(text[at]);
-      if (which != escapeValues.npos)
-        out += escapeLetters[which];
-      else
-        out.append("u00").append(1, hexadecimal[c >> 4]).append(1, hexadecimal[c & 15]);
-    }
-    out += text.substr(written);
   }
 
   // Every byte that belongs to no valid sequence replaced.
@@ -103,7 +81,7 @@ struct JsonWriter {
     while (!text.empty()) {
       auto lead = static_cast<unsigned char>(text[0]);
       std::size_t length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-      bool valid = length <= text.size() && simdjson::validate_utf8(text.data(), length);
+      bool valid = length <= text.size() && Utf8::isValid(text.substr(0, length));
       out += valid ? text.substr(0, length) : replacementCharacter;
       text.remove_prefix(valid ? length : 1);
     }

@@ -47,10 +47,12 @@ std::int32_t codeUnit(std::string_view text) {
   return digit(2) << 12 | digit(3) << 8 | digit(4) << 4 | digit(5);
 }
 
-// What each letter behind a backslash stands for; "\0" where it is no such letter.
+// The letters behind the backslash of the short escapes, and what each stands for.
+constexpr std::string_view letters = "\"\\/bfnrt", meanings = "\"\\/\b\f\n\r\t";
+
+// The meaning of each letter; "\0" where it is no such letter.
 constexpr auto escapeValues = [] {
   std::array<char, 256> values{};
-  constexpr std::string_view letters = "\"\\/bfnrt", meanings = "\"\\/\b\f\n\r\t";
   for (std::size_t i = 0; i < letters.size(); ++i)
     values[static_cast<unsigned char>(letters[i])] = meanings[i];
   return values;
@@ -166,6 +168,24 @@ std::string resolved(std::string_view content, std::size_t enough) {
       takeUnicodeEscape(content, out);
     }
   }
+}
+
+void append(std::string& out, std::string_view text) {
+  static constexpr char hexadecimal[] = "0123456789abcdef";
+  std::size_t written = 0;
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    const auto c = static_cast<unsigned char>(text[at]);
+    if (c >= 0x20 && c != '"' && c != '\\' && c != '/') continue;
+    out += text.substr(written, at - written);
+    written = at + 1;
+    out += '\\';
+    const auto which = meanings.find(text[at]);
+    if (which != meanings.npos)
+      out += letters[which];
+    else
+      out.append("u00").append(1, hexadecimal[c >> 4]).append(1, hexadecimal[c & 15]);
+  }
+  out += text.substr(written);
 }
 
 }  // namespace JsonEscapes

@@ -14,4 +14,8 @@ bool areValid(std::string_view text);
 // than a beginning that has as many.
 std::string resolved(std::string_view content, std::size_t enough = std::string_view::npos);
 
+// Appends `text`, which is valid UTF-8, as the content of a string: quotes, backslashes, slashes and control
+// characters as escapes, everything else as it is.
+void append(std::string& out, std::string_view text);
+
 }  // namespace JsonEscapes
