@@ -21,21 +21,6 @@ std::string stateFile(const std::string& sessionID) {
   return scopedStateDir() + "/" + sessionID + std::string(extension);
 }
 
-std::optional<SessionState> readState(const std::string& path) {
-  auto content = Files::read(path);
-  auto json = content ? Json::parseObject(*content) : std::nullopt;
-  return json ? SessionState::fromJSON(*json) : std::nullopt;
-}
-
-// Builds no more of a record than is needed to pass it by: there may be thousands.
-bool isPeer(const std::string& path, const std::string& cwd) {
-  auto content = Files::read(path);
-  if (!content) return false;
-  JsonReader reader;
-  const auto [ours, run] = reader.read(*content).members({"cwd", "run_id"});
-  return ours.text() == cwd && !run.text().value_or("").empty();
-}
-
 // A name that is nothing but ".json" is a hidden file without an extension.
 bool isStateFile(std::string_view name) {
   return name.size() > extension.size() && name.ends_with(extension);
@@ -56,7 +41,9 @@ std::string scopedStateDir() {
 }
 
 std::optional<SessionState> load(const std::string& sessionID) {
-  return readState(stateFile(sessionID));
+  const auto content = Files::read(stateFile(sessionID));
+  const auto json = content ? Json::parseObject(*content) : std::nullopt;
+  return json ? SessionState::fromJSON(*json) : std::nullopt;
 }
 
 std::error_code save(const SessionState& state) {
@@ -94,12 +81,16 @@ int cleanupStale() {
 std::optional<SessionState> findCoworkPeer(const std::string& cwd, const std::string& excludeSessionID) {
   if (cwd.empty()) return std::nullopt;
   std::string directory = scopedStateDir();
+  JsonReader reader;
   for (const std::string& name : Files::list(directory)) {
     if (!isStateFile(name) || name.substr(0, name.size() - extension.size()) == excludeSessionID) continue;
-    std::string path = directory + "/" + name;
-    if (!isPeer(path, cwd)) continue;
-    auto state = readState(path);
-    if (state && !state->run_id.empty() && state->cwd == cwd) return state;
+    const auto content = Files::read(directory + "/" + name);
+    if (!content) continue;
+    // Builds no more of a record than is needed to pass it by: there may be thousands.
+    const JsonView record = reader.read(*content);
+    const auto [place, run] = record.members({"cwd", "run_id"});
+    if (place.text() != cwd || run.text().value_or("").empty()) continue;
+    if (auto state = SessionState::fromJSON(*record.value().asObject())) return state;
   }
   return std::nullopt;
 }

@@ -4,6 +4,8 @@
 
 #include <limits>
 
+#include "Tests/Support/Repeated.h"
+
 namespace {
 
 std::string reprinted(const std::string& text) {
@@ -105,14 +107,17 @@ TEST(Json, ReadsEscapesWhereverTheyStandInALongText) {
 }
 
 TEST(Json, NestsToItsBoundAndNoDeeper) {
-  auto nested = [](int depth) {
-    return std::string(static_cast<std::size_t>(depth), '[') +
-           std::string(static_cast<std::size_t>(depth), ']');
-  };
-  EXPECT_TRUE(Json::parse(nested(Json::maxDepth)));
-  EXPECT_FALSE(Json::parse(nested(Json::maxDepth + 1)));
-  EXPECT_FALSE(Json::parse(nested(5'000'000)));
-  EXPECT_FALSE(Json::parse(std::string(1'000'000, '{')));
+  const std::pair<const char*, const char*> levels[] = {{"[", "]"}, {R"({"a":)", "}"}};
+  for (const auto& [open, close] : levels) {
+    const auto nested = [&](int depth) {
+      const auto times = static_cast<std::size_t>(depth);
+      return repeated(open, times) + "1" + repeated(close, times);
+    };
+    EXPECT_TRUE(Json::parse(nested(Json::maxDepth))) << open;
+    EXPECT_FALSE(Json::parse(nested(Json::maxDepth + 1))) << open;
+    EXPECT_FALSE(Json::parse(nested(5'000'000))) << open;
+    EXPECT_FALSE(Json::parse(repeated(open, 1'000'000))) << open;
+  }
 }
 
 TEST(Json, TakesOnlyAnObjectWhereOneIsWanted) {

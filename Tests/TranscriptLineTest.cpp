@@ -97,6 +97,7 @@ TEST_F(TranscriptLineTest, ChoosesAmongTheSourcesOfEachMember) {
        R"("usage":{"inputTokens":2},"message":{"usage":{"inputTokens":3}})", "|2||"},
       {"the message's usage serves when there is no other", R"("message":{"usage":{"inputTokens":3}})",
        "|3||"},
+      {"or when the other is a list", R"("usage":[1],"message":{"usage":{"inputTokens":3}})", "|3||"},
       {"or when the other is empty", R"("usage":{},"message":{"usage":{"inputTokens":3}})", "|3||"},
       {"empty model metadata hides the line's usage",
        R"("modelMetadata":{},"usage":{"inputTokens":2},"message":{"usage":{"inputTokens":3}})", "|3||"},

@@ -150,11 +150,14 @@ TEST_F(TranscriptTest, CutsPreviewsByUserPerceivedCharacters) {
        repeated(accented, 1999) + "…"},
   };
   for (const Row& row : rows) {
-    std::string message = R"("message":{"model":"m","content":")" + row.text + "\"}}\n";
-    TranscriptSummary summary = parse(R"({"type":"user",)" + message + R"({"type":"assistant",)" + message);
-    ASSERT_EQ(summary.calls.size(), 1u);
-    EXPECT_EQ(summary.calls[0].promptPreview, row.preview) << row.sentence;
-    EXPECT_EQ(summary.calls[0].responsePreview, row.preview) << row.sentence;
+    const std::string text = '"' + row.text + '"';
+    for (const std::string& content : {text, R"([{"type":"text","text":)" + text + "}]"}) {
+      std::string message = R"("message":{"model":"m","content":)" + content + "}}\n";
+      TranscriptSummary summary = parse(R"({"type":"user",)" + message + R"({"type":"assistant",)" + message);
+      ASSERT_EQ(summary.calls.size(), 1u);
+      EXPECT_EQ(summary.calls[0].promptPreview, row.preview) << row.sentence;
+      EXPECT_EQ(summary.calls[0].responsePreview, row.preview) << row.sentence;
+    }
   }
 }
 
