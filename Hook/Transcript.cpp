@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cmath>
 #include <limits>
 #include <optional>
 #include <set>
@@ -11,6 +10,11 @@
 #include "Platform/Log.h"
 #include "Platform/Text.h"
 #include "Platform/Utf8.h"
+
+const std::string& SharedText::value() const {
+  static const std::string empty;
+  return text_ ? *text_ : empty;
+}
 
 namespace Transcript {
 
@@ -81,12 +85,12 @@ std::string firstText(std::initializer_list<JsonView> values) {
 }
 
 // The call that an assistant line records; absent when it names no model and counts no tokens.
-std::optional<LlmCallData> callFrom(JsonView line, JsonView message, const std::string& promptPreview) {
+std::optional<LlmCallData> callFrom(JsonView line, JsonView message, const SharedText& promptPreview) {
   const auto [metadata, lineUsage, model, uuid, timestamp] =
       line.members({"modelMetadata", "usage", "model", "uuid", "timestamp"});
   const auto [id, messageModel, messageUsage] = message.members({"id", "model", "usage"});
   JsonView usage = metadata.isObject() ? metadata : lineUsage;
-  if (!usage.isObject() || usage.isEmpty()) usage = messageUsage;
+  if (!usage.hasMembers()) usage = messageUsage;
   // Each count has a name in camel case and, looked at when that counts nothing, one in snake case.
   const auto [usageModel, in, snakeIn, out, snakeOut, read, snakeRead, creation, snakeCreation] =
       usage.members({"model", "inputTokens", "input_tokens", "outputTokens", "output_tokens",
@@ -123,7 +127,7 @@ void addTotals(TranscriptSummary& summary) {
 // What the lines walked so far come to, but for the totals.
 struct Walk {
   TranscriptSummary summary;
-  std::string promptPreview;  // of the latest user text
+  SharedText promptPreview;  // of the latest user text
 
   void take(JsonView line) {
     const auto [kind, message] = line.members({"type", "message"});

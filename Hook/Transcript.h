@@ -8,11 +8,25 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Platform/JsonReader.h"
+
+// A text that many hold and none changes: copies cost nothing, equal is who reads the same.
+class SharedText {
+ public:
+  SharedText() = default;  // empty
+  SharedText(std::string text) : text_(std::make_shared<const std::string>(std::move(text))) {}
+  const std::string& value() const;
+  bool operator==(const SharedText& other) const { return value() == other.value(); }
+
+ private:
+  std::shared_ptr<const std::string> text_;
+};
 
 // One LLM call: one assistant line of the transcript. Agents write a line per content block, so neighbours
 // may share a message.
@@ -25,7 +39,7 @@ struct LlmCallData {
   double cost = 0;                       // estimated, in US dollars
   std::string_view task = "claude_code_turn";
   std::string messageID;        // empty when none
-  std::string promptPreview;    // latest user message before this line, at most 2000 characters
+  SharedText promptPreview;     // latest user message before this line, at most 2000 characters
   std::string responsePreview;  // this assistant message, at most 2000 characters
   std::string timestamp;        // as written in the transcript, empty when none
 
@@ -52,7 +66,8 @@ namespace Transcript {
 TranscriptSummary parse(const std::string& path, std::int64_t startOffset);
 
 // The text of a message: its string content, or the text, tool-use and tool-result blocks of its list of
-// blocks, a line each. Empty when there is none.
+// blocks, a line each. Empty when there is none. Of a content or a block longer than a preview only a
+// beginning that fills one.
 std::string extractMessageText(JsonView message);
 
 // A count out of `value`: a number truncated toward zero, or a string of decimal digits with an optional

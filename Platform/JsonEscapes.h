@@ -10,8 +10,8 @@ namespace JsonEscapes {
 bool areValid(std::string_view text);
 
 // The text that the content of a string stands for, given without its quotes; its escapes are valid. Of a
-// text that is certain to have more than `enough` user-perceived characters other than white space, no more
-// than a beginning that has as many.
+// text that has more than `enough` user-perceived characters, white space not counted, maybe only a beginning
+// with more than so many.
 std::string resolved(std::string_view content, std::size_t enough = std::string_view::npos);
 
 // Appends `text`, which is valid UTF-8, as the content of a string: quotes, backslashes, slashes and control

@@ -78,7 +78,7 @@ std::string_view withoutSpaceBehind(std::string_view token) {
 // where its lists and objects end.
 class Grammar {
  public:
-  Grammar(std::string_view text, std::span<const std::uint32_t> positions, std::vector<std::uint32_t>& ends)
+  Grammar(std::string_view text, std::span<const std::uint32_t> positions, std::uint32_t* ends)
       : text_(text), positions_(positions), ends_(ends) {}
 
   bool holds() { return value(0) && next_ == positions_.size(); }
@@ -138,7 +138,7 @@ class Grammar {
 
   std::string_view text_;
   std::span<const std::uint32_t> positions_;
-  std::vector<std::uint32_t>& ends_;
+  std::uint32_t* ends_;
   std::size_t next_ = 0;
 };
 
@@ -151,32 +151,30 @@ struct JsonReader::Index {
 JsonReader::JsonReader() : index_(std::make_unique<Index>()) {}
 JsonReader::~JsonReader() = default;
 
-JsonView JsonReader::read(std::string_view text) {
+JsonView JsonReader::read(std::string_view text) & {
   // Positions are 32 bits wide. A backslash outside a string is refused with the token that it stands in.
   if (text.size() > std::numeric_limits<std::uint32_t>::max() - 64 || !JsonEscapes::areValid(text)) return {};
   auto& index = index_->of;
-  if ((!index || index->capacity() < text.size()) &&
-      simdjson::get_active_implementation()->create_dom_parser_implementation(text.size(), 1, index) !=
-          simdjson::SUCCESS)
-    return {};
+  if (!index || index->capacity() < text.size()) {
+    // As many as there can be positions; what no list and no object needs stays untouched memory.
+    ends_ = std::make_unique_for_overwrite<std::uint32_t[]>(text.size());
+    if (simdjson::get_active_implementation()->create_dom_parser_implementation(text.size(), 1, index) !=
+        simdjson::SUCCESS)
+      return {};
+  }
   // Finds the positions, and checks the UTF-8, the quotes and the control characters in strings on the way.
   const auto* bytes = reinterpret_cast<const std::uint8_t*>(text.data());
   if (index->stage1(bytes, text.size(), simdjson::stage1_mode::regular) != simdjson::SUCCESS) return {};
   const std::size_t count = index->n_structural_indexes;
   std::uint32_t* positions = index->structural_indexes.get();
-  positions[count] = static_cast<std::uint32_t>(text.size());
-  if (ends_.size() < count) ends_.resize(count);
+  positions[count] = static_cast<std::uint32_t>(text.size());  // where the last one's token ends
   text_ = text.data();
   positions_ = positions;
-  return Grammar(text, {positions, count}, ends_).holds() ? JsonView(this, 0) : JsonView();
+  return Grammar(text, {positions, count}, ends_.get()).holds() ? JsonView(this, 0) : JsonView();
 }
 
 char JsonView::front() const {
   return reader_ ? reader_->text_[reader_->positions_[at_]] : '\0';
-}
-
-bool JsonView::isEmpty() const {
-  return !firstInside();
 }
 
 JsonView::Elements JsonView::elements() const {
@@ -214,14 +212,14 @@ void JsonView::find(std::span<const std::string_view> keys, std::span<JsonView> 
   const auto bit = [](char c) { return std::uint64_t{1} << (c & 63); };
   std::uint64_t initials = bit('\\');
   for (std::string_view key : keys)
-    initials |= bit(key.front());
-  for (JsonView key = firstInside(); key; key = key.ofKey().sibling()) {
+    initials |= bit(key.empty() ? '"' : key.front());
+  for (JsonView key = firstInside(); key; key = key.valueOfKey().sibling()) {
     if (!(initials & bit(reader_->text_[reader_->positions_[key.at_] + 1]))) continue;
     std::string_view name = key.content();
     std::string spelled;
     if (name.find('\\') != name.npos) name = spelled = JsonEscapes::resolved(name);
     const auto which = std::ranges::find(keys, name);
-    if (which != keys.end()) found[static_cast<std::size_t>(which - keys.begin())] = key.ofKey();
+    if (which != keys.end()) found[static_cast<std::size_t>(which - keys.begin())] = key.valueOfKey();
   }
 }
 
@@ -240,8 +238,8 @@ Json JsonView::value() const {
     }
     case '{': {
       std::vector<Json::Member> members;
-      for (JsonView key = firstInside(); key; key = key.ofKey().sibling())
-        members.push_back({JsonEscapes::resolved(key.content()), key.ofKey().value()});
+      for (JsonView key = firstInside(); key; key = key.valueOfKey().sibling())
+        members.push_back({JsonEscapes::resolved(key.content()), key.valueOfKey().value()});
       return Json::Object(std::move(members));
     }
     case '"':

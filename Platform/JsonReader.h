@@ -11,7 +11,6 @@
 #include <span>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "Platform/Json.h"
 
@@ -28,8 +27,7 @@ class JsonView {
   explicit operator bool() const { return reader_ != nullptr; }
   bool isObject() const { return front() == '{'; }
   bool isList() const { return front() == '['; }
-  // Whether there is nothing inside: no element, no member. So it is for every other value, and for none.
-  bool isEmpty() const;
+  bool hasMembers() const { return isObject() && bool(firstInside()); }
 
   // The values of the members under `keys`, in the order of the keys; none for a key without a member, and
   // for all of them when this is no object. Of duplicate members the last holds.
@@ -54,7 +52,7 @@ class JsonView {
 
   char front() const;
   JsonView firstInside() const;
-  JsonView ofKey() const { return {reader_, at_ + 2}; }
+  JsonView valueOfKey() const { return {reader_, at_ + 2}; }
   JsonView sibling() const;
   std::string_view token() const;
   std::string_view content() const;
@@ -90,7 +88,7 @@ class JsonReader {
   ~JsonReader();
 
   // The one value that `text` consists of; none when the text is malformed.
-  JsonView read(std::string_view text);
+  JsonView read(std::string_view text) &;
 
  private:
   friend class JsonView;
@@ -99,5 +97,6 @@ class JsonReader {
   std::unique_ptr<Index> index_;
   const char* text_ = nullptr;
   const std::uint32_t* positions_ = nullptr;  // of the structural characters and scalars, then the text's end
-  std::vector<std::uint32_t> ends_;  // where a list or object opens at a position: which one is behind it
+  std::unique_ptr<std::uint32_t[]>
+      ends_;  // where a list or object opens at a position: which one is behind it
 };

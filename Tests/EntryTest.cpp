@@ -64,6 +64,13 @@ TEST(Entry, FallsOpenOnWhatItCannotUnderstand) {
     }
 }
 
+TEST(Entry, ReadsWhateverTheJSONLibraryIsTold) {
+  Sandbox sandbox;
+  sandbox.set("SIMDJSON_FORCE_IMPLEMENTATION", "none");
+  EXPECT_EQ(sandbox.run({}, R"({"hook_event_name":"Stop"})").output, open);
+  EXPECT_TRUE(jsonLines(sandbox.diagnostics()).empty());
+}
+
 TEST(Entry, ScansItsArguments) {
   using Arguments = std::vector<std::string>;
   const std::string claude = open, cursor = R"({"permission":"allow"})",

@@ -31,6 +31,13 @@ TEST(Json, ReadsWhatIsWellFormedAndRefusesWhatIsNot) {
       {"a lone high surrogate is replaced", R"("a\ud83dx")", "\"a\uFFFDx\""},
       {"a lone low surrogate is replaced", R"("\ude00")", "\"\uFFFD\""},
       {"two high surrogates are replaced one by one", R"("\ud83d\ud83d\ude00")", "\"\uFFFD😀\""},
+      {"the ends of what each number of bytes encodes", R"("\u007f\u0080\u07ff\u0800\ud7ff\ue000\uffff")",
+       "\"\x7f\u0080\u07ff\u0800\uD7FF\uE000\uffff\""},
+      {"the ends of the surrogate pairs", R"("\ud800\udc00\udbff\udfff")", "\"\U00010000\U0010FFFF\""},
+      {"the ends of the surrogates alone", R"("\ud800\udbff\udc00\udc00\udfff")",
+       "\"\uFFFD\U0010FC00"
+       "\uFFFD\uFFFD\""},
+      {"a key with escapes", R"({"\u0061\n":1})", R"({"a\n":1})"},
       {"a high surrogate before another escape", R"("\ud83d\n")", "\"\uFFFD\\n\""},
       {"a high surrogate before an ordinary escape", R"("\ud83d\u0041")", "\"\uFFFDA\""},
       {"the largest integers", "[9223372036854775807,-9223372036854775808]",

@@ -42,6 +42,7 @@ TEST(TextPrefix, CutsOnlyBetweenUserPerceivedCharacters) {
       {"an accent after the cut belongs to the last character", "abe\u0301f", 3, "abe\u0301"},
       {"an accent after a line break stands alone", "a\r\n\u0301b", 2, "a\r\n"},
       {"a letter of two bytes is one", "äöü", 2, "äö"},
+      {"a text of fewer characters than bytes is whole", "äöü", 4, "äöü"},
       {"a letter beyond ASCII after the cut is left out", "abä", 2, "ab"},
       {"a family of emoji is one", family + "x", 1, family},
       {"a flag is one, and the next flag another", "🇩🇪🇫🇷", 1, "🇩🇪"},

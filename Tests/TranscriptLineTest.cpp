@@ -169,6 +169,9 @@ TEST_F(TranscriptLineTest, TakesAMessagesContentOrTheTextOfItsBlocks) {
        "[tool_result] " + long1000.substr(0, 400)},
       {"white space where the result is cut off goes at the very end",
        result("\"" + std::string(399, 'r') + "  x\""), "[tool_result] " + std::string(399, 'r')},
+      {"an accent beyond the cut belongs to the last character",
+       result("\"" + std::string(400, 'r') + "\u0301s\""),
+       "[tool_result] " + std::string(400, 'r') + "\u0301"},
       {"a blank tool result is left out", result(R"(" \n")"), ""},
       {"a tool result's first text that is not blank",
        result(R"([{"type":"image","text":"i"},{"type":"text","text":" "},{"type":"text"},)"
@@ -184,8 +187,9 @@ TEST_F(TranscriptLineTest, TakesAMessagesContentOrTheTextOfItsBlocks) {
            R"({"type":"text","text":"a"},{"type":"tool_result","content":"b"},{"type":"tool_use","name":"C"})"),
        "a\n[tool_result] b\n[tool_use:C]"},
   };
+  JsonReader reader;
   for (const Row& row : rows) {
-    EXPECT_EQ(Transcript::extractMessageText(JsonReader().read(row.message)), row.text) << row.sentence;
+    EXPECT_EQ(Transcript::extractMessageText(reader.read(row.message)), row.text) << row.sentence;
     const std::string read =
         call(R"({"type":"assistant","model":"m","message":)" + row.message + "}").responsePreview;
     EXPECT_EQ(read, row.text) << row.sentence << ", in a file";

@@ -44,7 +44,7 @@ TEST_F(TranscriptTest, ReadsACallOfEveryMember) {
   expected.cost = 0.0028;
   expected.task = "claude_code_turn";
   expected.messageID = "msg_1";
-  expected.promptPreview = "Why?";
+  expected.promptPreview = std::string("Why?");
   expected.responsePreview = "Because.\n[tool_use:Bash]";
   expected.timestamp = "2026-01-31T09:15:00.123Z";
   TranscriptSummary whole;
@@ -131,7 +131,7 @@ TEST_F(TranscriptTest, GivesEachCallTheLatestPrompt) {
       user(R"({"content":"last"})"));
   std::string prompts;
   for (const LlmCallData& each : summary.calls)
-    prompts += each.promptPreview + "|";
+    prompts += each.promptPreview.value() + "|";
   EXPECT_EQ(prompts, "|first|first|first|first|first|[tool_result] found|");
 }
 
@@ -155,7 +155,7 @@ TEST_F(TranscriptTest, CutsPreviewsByUserPerceivedCharacters) {
       std::string message = R"("message":{"model":"m","content":)" + content + "}}\n";
       TranscriptSummary summary = parse(R"({"type":"user",)" + message + R"({"type":"assistant",)" + message);
       ASSERT_EQ(summary.calls.size(), 1u);
-      EXPECT_EQ(summary.calls[0].promptPreview, row.preview) << row.sentence;
+      EXPECT_EQ(summary.calls[0].promptPreview.value(), row.preview) << row.sentence;
       EXPECT_EQ(summary.calls[0].responsePreview, row.preview) << row.sentence;
     }
   }

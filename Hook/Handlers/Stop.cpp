@@ -29,7 +29,7 @@ Json::Object asJSON(const LlmCallData& call) {
           {"tokens_out", call.tokensOut},
           {"cost", call.cost},
           {"task", call.task},
-          {"prompt_preview", call.promptPreview},
+          {"prompt_preview", call.promptPreview.value()},
           {"response_preview", call.responsePreview},
           {"timestamp", call.timestamp}};
 }
