@@ -68,7 +68,7 @@ format-check:
 lint: format-check
 	@scripts/install-deps build test lint
 	@cmake --preset dev >/dev/null
-	@git ls-files 'Hook/*.cpp' 'Shared/*.cpp' 'Platform/*.cpp' 'LocalControlPlane/*.cpp' | \
+	@git ls-files 'Hook/*.cpp' 'Shared/*.cpp' 'Platform/*.cpp' 'Server/*.cpp' | \
 	  xargs -P $(JOBS) -n 1 clang-tidy -p $(BUILD)/dev --quiet
 
 clean:

@@ -15,7 +15,7 @@
 
 #include "Platform/Clock.h"
 #include "Platform/Files.h"
-#include "Platform/Json.h"
+#include "Platform/Json/Json.h"
 #include "Tests/Support/Certificates.h"
 
 class ControlPlaneStub::Channel {

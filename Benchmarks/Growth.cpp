@@ -8,7 +8,7 @@
 #include "Benchmarks/ControlPlaneStub.h"
 #include "Benchmarks/Measure.h"
 #include "Benchmarks/Plot.h"
-#include "Hook/SessionStore.h"
+#include "Hook/State/SessionStore.h"
 #include "Platform/Files.h"
 
 namespace Growth {

@@ -6,7 +6,7 @@
 #include <stdexcept>
 
 #include "Benchmarks/TranscriptAuthor.h"
-#include "Hook/SessionStore.h"
+#include "Hook/State/SessionStore.h"
 #include "Platform/Clock.h"
 #include "Platform/Files.h"
 

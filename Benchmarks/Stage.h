@@ -5,8 +5,8 @@
 #include <filesystem>
 #include <string>
 
-#include "Hook/SessionState.h"
-#include "Platform/Json.h"
+#include "Hook/State/SessionState.h"
+#include "Platform/Json/Json.h"
 
 class Stage {
  public:

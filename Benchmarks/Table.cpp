@@ -6,7 +6,7 @@
 
 #include "Benchmarks/ControlPlaneStub.h"
 #include "Benchmarks/Measure.h"
-#include "Hook/SessionStore.h"
+#include "Hook/State/SessionStore.h"
 
 namespace Table {
 

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <utility>
 
-#include "Platform/Json.h"
+#include "Platform/Json/Json.h"
 
 class TranscriptAuthor {
  public:

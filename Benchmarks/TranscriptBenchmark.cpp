@@ -6,7 +6,7 @@
 #include <string>
 
 #include "Benchmarks/TranscriptAuthor.h"
-#include "Hook/Transcript.h"
+#include "Hook/Transcript/Transcript.h"
 #include "Platform/Files.h"
 
 namespace {

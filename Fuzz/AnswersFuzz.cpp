@@ -11,7 +11,7 @@
 #include "Hook/Handlers/PreToolUse.h"
 #include "Hook/Handlers/SessionStart.h"
 #include "Hook/Handlers/Stop.h"
-#include "Hook/SessionStore.h"
+#include "Hook/State/SessionStore.h"
 #include "Shared/DeviceIdentity.h"
 #include "Tests/Support/FakeControlPlane.h"
 

@@ -14,9 +14,9 @@
 #include <string_view>
 #include <vector>
 
-#include "Hook/BuiltInPatterns.h"
-#include "Hook/RuleEvaluator.h"
-#include "Platform/Json.h"
+#include "Hook/Guard/BuiltInPatterns.h"
+#include "Hook/Guard/RuleEvaluator.h"
+#include "Platform/Json/Json.h"
 
 namespace {
 

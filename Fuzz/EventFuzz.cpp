@@ -4,10 +4,10 @@
 #include <cstdint>
 
 #include "Fuzz/Support/FuzzHome.h"
-#include "Hook/CopilotAdapter.h"
-#include "Hook/CursorAdapter.h"
+#include "Hook/Agents/CopilotAdapter.h"
+#include "Hook/Agents/CursorAdapter.h"
 #include "Hook/EventRouter.h"
-#include "Hook/SessionStore.h"
+#include "Hook/State/SessionStore.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <string_view>
 
 #include "Fuzz/Support/FuzzHome.h"
-#include "Hook/HookHandler.h"
-#include "Hook/RuleEvaluator.h"
+#include "Hook/Guard/HookHandler.h"
+#include "Hook/Guard/RuleEvaluator.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const FuzzHome home;

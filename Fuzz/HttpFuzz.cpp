@@ -5,7 +5,7 @@
 #include <string>
 
 #include "Fuzz/Support/FuzzHome.h"
-#include "Platform/Http.h"
+#include "Platform/Http/Http.h"
 #include "Tests/Support/FakeControlPlane.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <cstdint>
 
 #include "Fuzz/Support/FuzzHome.h"
-#include "Hook/ObriskConfig.h"
+#include "Hook/ControlPlane/ObriskConfig.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const FuzzHome home;

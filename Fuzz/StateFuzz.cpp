@@ -3,7 +3,7 @@
 #include <cstdint>
 
 #include "Fuzz/Support/FuzzHome.h"
-#include "Hook/SessionStore.h"
+#include "Hook/State/SessionStore.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const FuzzHome home;

@@ -8,9 +8,9 @@
 #include <limits>
 #include <set>
 
-#include "Hook/Transcript.h"
+#include "Hook/Transcript/Transcript.h"
+#include "Platform/Json/Utf8.h"
 #include "Platform/Text.h"
-#include "Platform/Utf8.h"
 
 namespace {
 

@@ -5,6 +5,8 @@
 #include <span>
 #include <string_view>
 
+#include "Hook/ControlPlane/ObriskConfig.h"
+#include "Hook/ControlPlane/ObserveClient.h"
 #include "Hook/Handlers/Generic.h"
 #include "Hook/Handlers/PostToolUse.h"
 #include "Hook/Handlers/PreCompact.h"
@@ -12,8 +14,6 @@
 #include "Hook/Handlers/SessionStart.h"
 #include "Hook/Handlers/Stop.h"
 #include "Hook/Handlers/Subagents.h"
-#include "Hook/ObriskConfig.h"
-#include "Hook/ObserveClient.h"
 
 namespace EventRouter {
 

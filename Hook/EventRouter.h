@@ -5,8 +5,8 @@
 #include <optional>
 #include <string>
 
-#include "Hook/Outcome.h"
-#include "Platform/Json.h"
+#include "Hook/Handlers/Outcome.h"
+#include "Platform/Json/Json.h"
 
 namespace EventRouter {
 

@@ -9,12 +9,12 @@
 #include <string_view>
 #include <vector>
 
-#include "Hook/ClaudeInstaller.h"
-#include "Hook/CopilotAdapter.h"
-#include "Hook/CursorAdapter.h"
+#include "Hook/Agents/ClaudeInstaller.h"
+#include "Hook/Agents/CopilotAdapter.h"
+#include "Hook/Agents/CursorAdapter.h"
 #include "Hook/EventRouter.h"
 #include "Platform/Files.h"
-#include "Platform/Json.h"
+#include "Platform/Json/Json.h"
 #include "Platform/Log.h"
 #include "Platform/Paths.h"
 #include "Platform/Process.h"

@@ -20,7 +20,7 @@ void write(Level level, std::string_view category, std::string_view message) {
 
 #include "Platform/Clock.h"
 #include "Platform/Files.h"
-#include "Platform/Json.h"
+#include "Platform/Json/Json.h"
 #include "Platform/Paths.h"
 #include "Platform/Process.h"
 

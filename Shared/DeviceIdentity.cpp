@@ -1,9 +1,9 @@
 #include "Shared/DeviceIdentity.h"
 
 #include "Platform/Files.h"
-#include "Platform/Http.h"
-#include "Platform/Json.h"
-#include "Platform/Url.h"
+#include "Platform/Http/Http.h"
+#include "Platform/Http/Url.h"
+#include "Platform/Json/Json.h"
 
 namespace DeviceIdentity {
 

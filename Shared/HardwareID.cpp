@@ -4,8 +4,8 @@
 #include <optional>
 
 #include "Platform/Files.h"
+#include "Platform/Json/Utf8.h"
 #include "Platform/Process.h"
-#include "Platform/Utf8.h"
 
 namespace HardwareID {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "Hook/SessionState.h"
+#include "Hook/State/SessionState.h"
 
 // A fresh home, state directory and project for this process, as its environment, removed at its end. Every
 // variable that the product reads is unset.

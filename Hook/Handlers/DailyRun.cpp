@@ -1,6 +1,6 @@
 #include "Hook/Handlers/DailyRun.h"
 
-#include "Hook/SessionStore.h"
+#include "Hook/State/SessionStore.h"
 #include "Platform/Clock.h"
 #include "Platform/Text.h"
 

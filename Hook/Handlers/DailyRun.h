@@ -2,8 +2,8 @@
 // to the run of the new one. A control plane that does not answer leaves it where it is.
 #pragma once
 
-#include "Hook/ObserveClient.h"
-#include "Hook/SessionState.h"
+#include "Hook/ControlPlane/ObserveClient.h"
+#include "Hook/State/SessionState.h"
 
 namespace EventRouter {
 

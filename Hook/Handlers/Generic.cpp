@@ -5,7 +5,7 @@
 #include "Hook/Handlers/SessionStart.h"
 #include "Hook/Handlers/Steps.h"
 #include "Hook/Handlers/Stop.h"
-#include "Hook/SessionStore.h"
+#include "Hook/State/SessionStore.h"
 
 namespace EventRouter {
 

@@ -6,8 +6,8 @@
 #include <string>
 #include <string_view>
 
-#include "Hook/ObserveClient.h"
-#include "Hook/Outcome.h"
+#include "Hook/ControlPlane/ObserveClient.h"
+#include "Hook/Handlers/Outcome.h"
 
 namespace EventRouter {
 

@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "Hook/ObserveClient.h"
-#include "Hook/SessionState.h"
+#include "Hook/ControlPlane/ObserveClient.h"
+#include "Hook/State/SessionState.h"
 
 namespace EventRouter {
 

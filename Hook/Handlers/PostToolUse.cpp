@@ -4,7 +4,7 @@
 
 #include "Hook/Handlers/SessionStart.h"
 #include "Hook/Handlers/Steps.h"
-#include "Hook/SessionStore.h"
+#include "Hook/State/SessionStore.h"
 #include "Platform/Clock.h"
 #include "Platform/Text.h"
 

@@ -2,8 +2,8 @@
 // problems never hold a compaction up.
 #pragma once
 
-#include "Hook/ObserveClient.h"
-#include "Hook/Outcome.h"
+#include "Hook/ControlPlane/ObserveClient.h"
+#include "Hook/Handlers/Outcome.h"
 
 namespace EventRouter {
 

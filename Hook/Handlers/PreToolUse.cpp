@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <optional>
 
+#include "Hook/Guard/HookHandler.h"
+#include "Hook/Guard/RuleEvaluator.h"
 #include "Hook/Handlers/GuardDecision.h"
 #include "Hook/Handlers/SessionStart.h"
-#include "Hook/HookHandler.h"
-#include "Hook/RuleEvaluator.h"
-#include "Hook/SessionStore.h"
+#include "Hook/State/SessionStore.h"
 #include "Platform/Log.h"
 #include "Platform/Paths.h"
 #include "Platform/Text.h"

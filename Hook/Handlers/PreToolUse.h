@@ -3,8 +3,8 @@
 // plane's policy. A session without a run is not judged at all.
 #pragma once
 
-#include "Hook/ObserveClient.h"
-#include "Hook/Outcome.h"
+#include "Hook/ControlPlane/ObserveClient.h"
+#include "Hook/Handlers/Outcome.h"
 
 namespace EventRouter {
 

@@ -2,7 +2,7 @@
 
 #include "Hook/Handlers/DailyRun.h"
 #include "Hook/Handlers/Steps.h"
-#include "Hook/SessionStore.h"
+#include "Hook/State/SessionStore.h"
 #include "Platform/Clock.h"
 
 namespace EventRouter {

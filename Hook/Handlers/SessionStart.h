@@ -6,9 +6,9 @@
 #include <optional>
 #include <string>
 
-#include "Hook/ObserveClient.h"
-#include "Hook/Outcome.h"
-#include "Hook/SessionState.h"
+#include "Hook/ControlPlane/ObserveClient.h"
+#include "Hook/Handlers/Outcome.h"
+#include "Hook/State/SessionState.h"
 
 namespace EventRouter {
 

@@ -5,7 +5,7 @@
 #include <charconv>
 
 #include "Hook/Handlers/DailyRun.h"
-#include "Hook/SessionStore.h"
+#include "Hook/State/SessionStore.h"
 #include "Platform/Clock.h"
 #include "Platform/Text.h"
 #include "Shared/HardwareID.h"

@@ -7,8 +7,8 @@
 #include <string>
 #include <string_view>
 
-#include "Hook/ObserveClient.h"
-#include "Hook/SessionState.h"
+#include "Hook/ControlPlane/ObserveClient.h"
+#include "Hook/State/SessionState.h"
 
 namespace EventRouter {
 

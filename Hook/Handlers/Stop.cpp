@@ -9,8 +9,8 @@
 #include "Hook/Handlers/GuardDecision.h"
 #include "Hook/Handlers/SessionStart.h"
 #include "Hook/Handlers/Steps.h"
-#include "Hook/LLMCallDedupe.h"
-#include "Hook/SessionStore.h"
+#include "Hook/State/SessionStore.h"
+#include "Hook/Transcript/LLMCallDedupe.h"
 #include "Platform/Clock.h"
 #include "Platform/Files.h"
 

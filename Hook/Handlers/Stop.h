@@ -5,10 +5,10 @@
 
 #include <optional>
 
-#include "Hook/ObserveClient.h"
-#include "Hook/Outcome.h"
-#include "Hook/SessionState.h"
-#include "Hook/Transcript.h"
+#include "Hook/ControlPlane/ObserveClient.h"
+#include "Hook/Handlers/Outcome.h"
+#include "Hook/State/SessionState.h"
+#include "Hook/Transcript/Transcript.h"
 
 namespace EventRouter {
 

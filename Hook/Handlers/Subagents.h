@@ -3,8 +3,8 @@
 // allows.
 #pragma once
 
-#include "Hook/ObserveClient.h"
-#include "Hook/Outcome.h"
+#include "Hook/ControlPlane/ObserveClient.h"
+#include "Hook/Handlers/Outcome.h"
 
 namespace EventRouter {
 

@@ -7,8 +7,8 @@
 #include <iostream>
 #include <random>
 
-#include "Hook/LLMCallDedupe.h"
-#include "Hook/SessionStore.h"
+#include "Hook/State/SessionStore.h"
+#include "Hook/Transcript/LLMCallDedupe.h"
 #include "Platform/Files.h"
 #include "Tests/Support/Events.h"
 #include "Tests/Support/SessionFixture.h"

@@ -10,9 +10,9 @@
 #include <mutex>
 #include <thread>
 
-#include "Hook/SessionStore.h"
+#include "Hook/State/SessionStore.h"
 #include "Platform/Files.h"
-#include "Platform/Http.h"
+#include "Platform/Http/Http.h"
 #include "Tests/Support/Events.h"
 #include "Tests/Support/Sandbox.h"
 

@@ -4,7 +4,7 @@
 #include <iostream>
 
 #include "Hook/Handlers/PreToolUse.h"
-#include "Hook/SessionStore.h"
+#include "Hook/State/SessionStore.h"
 #include "Tests/Support/SessionFixture.h"
 
 namespace {

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "Platform/Json.h"
+#include "Platform/Json/Json.h"
 
 // In the order of a session's life; those of tools name files in the directory `project`, and the stop names
 // `transcript`.

@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "Platform/Json.h"
+#include "Platform/Json/Json.h"
 #include "Tests/Support/Certificates.h"
 
 class FakeControlPlane {

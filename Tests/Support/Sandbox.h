@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "Hook/ObserveClient.h"
-#include "Platform/Json.h"
+#include "Hook/ControlPlane/ObserveClient.h"
+#include "Platform/Json/Json.h"
 
 class Sandbox {
  public:

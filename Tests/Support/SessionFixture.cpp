@@ -4,7 +4,7 @@
 #include <memory>
 #include <regex>
 
-#include "Hook/SessionStore.h"
+#include "Hook/State/SessionStore.h"
 #include "Platform/Clock.h"
 #include "Shared/HardwareID.h"
 

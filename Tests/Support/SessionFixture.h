@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "Hook/ObserveClient.h"
-#include "Hook/SessionState.h"
+#include "Hook/ControlPlane/ObserveClient.h"
+#include "Hook/State/SessionState.h"
 #include "Tests/Support/FakeControlPlane.h"
 #include "Tests/Support/Sandbox.h"
 

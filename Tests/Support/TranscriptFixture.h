@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "Hook/Transcript.h"
+#include "Hook/Transcript/Transcript.h"
 #include "Tests/Support/Repeated.h"
 #include "Tests/Support/Sandbox.h"
 

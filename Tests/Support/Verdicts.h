@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "Hook/GuardConfig.h"
+#include "Hook/Guard/GuardConfig.h"
 
 inline std::string described(const std::optional<Verdict>& verdict) {
   if (!verdict) return "none";

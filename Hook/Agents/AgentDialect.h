@@ -1,0 +1,20 @@
+// The two shapes that every adapter for another agent produces: its event in the form the router reads, and
+// the router's outcome in the form the agent reads.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "Hook/Handlers/Outcome.h"
+#include "Platform/Json/Json.h"
+
+struct NormalizedEvent {
+  std::string event;  // the "hook_event_name" of `data`
+  Json::Object data;
+};
+
+struct AgentAnswer {
+  std::optional<std::string> body;  // absent: nothing is written
+  std::int32_t status = 0;          // exit status of the process
+};

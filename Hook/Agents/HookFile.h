@@ -1,0 +1,46 @@
+// The files in which agents list their hooks, as the installers read, back up and replace them. Replacing is
+// one step: a kill leaves the old file or the new one. What prevents it is logged, and the old file stays.
+// Only regular files are replaced, and links that lead to one or to nothing.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "Platform/Json/Json.h"
+
+namespace HookFile {
+
+struct File {
+  std::string_view place;     // below the home directory
+  std::string_view agent;     // the agent's name in messages
+  std::string_view category;  // of the log
+};
+
+// Whether a command line can name the executable in single quotes and there is a home directory; logged if
+// not.
+bool accepts(const File& file, const std::string& binaryPath);
+
+bool exists(const File& file);
+
+// The whole content; absent when the file cannot be read.
+std::optional<std::string> read(const File& file);
+
+// Copies `text`, the file's content, to a new file beside it, named after it with ".bak" (".bak.2" if that is
+// taken, and so on); a file whose content cannot be read is itself renamed so. False, and logged, when that
+// failed.
+bool backUp(const File& file, const std::optional<std::string>& text);
+
+// Replaces the file (or what it links to) by one with this content and the mode of the old one, which its
+// user can read in any case, or 0600 when there was none. Directories are created as needed. Logs the
+// success, or the failure and returns false.
+bool replace(const File& file, std::string_view text);
+
+// Logs `why` the file was not written. Returns false.
+bool refuse(const File& file, std::string_view why);
+
+// Whether the entry's "command" starts this hook, wherever its executable is and whatever its options: it
+// contains the executable's name, or is `command` itself.
+bool isOwn(const Json& entry, std::string_view command);
+
+}  // namespace HookFile

@@ -1,0 +1,165 @@
+#include "Platform/Http/Tls.h"
+
+#include <dirent.h>
+#include <openssl/ssl.h>
+#include <openssl/x509v3.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Platform/Files.h"
+#include "Platform/Http/CertificateFile.h"
+
+namespace Tls {
+
+namespace {
+
+// For systems without a directory of certificates named by their hashes.
+constexpr const char* bundles[] = {
+    "/etc/ssl/certs/ca-certificates.crt",
+    "/etc/pki/tls/certs/ca-bundle.crt",
+    "/etc/ssl/ca-bundle.pem",
+    "/etc/ssl/cert.pem",
+    "/opt/homebrew/etc/ca-certificates/cert.pem",
+};
+
+bool isHashedName(std::string_view name) {
+  return name.size() == 10 && name.substr(8) == ".0" && name.find_first_not_of("0123456789abcdef") == 8;
+}
+
+bool hasHashedNames(const char* directory) {
+  DIR* stream = ::opendir(directory);
+  if (!stream) return false;
+  const dirent* entry;
+  while ((entry = ::readdir(stream)) && !isHashedName(entry->d_name)) {
+  }
+  ::closedir(stream);
+  return entry != nullptr;
+}
+
+const char* systemDirectory() {
+  for (const char* directory : {X509_get_default_cert_dir(), "/etc/ssl/certs", "/etc/pki/tls/certs",
+                                "/etc/pki/ca-trust/extracted/pem/directory-hash"}) {
+    if (hasHashedNames(directory)) return directory;
+  }
+  return nullptr;
+}
+
+const char* systemBundle() {
+  for (const char* bundle : bundles) {
+    if (::access(bundle, R_OK) == 0) return bundle;
+  }
+  return nullptr;
+}
+
+struct LazyFile {
+  std::string path;
+  std::optional<std::vector<std::string>> certificates;
+};
+
+// Adds the file's certificates of that name to the store and hands out the first.
+int findInFile(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, const X509_NAME* name, X509_OBJECT* found) {
+  auto* file = static_cast<LazyFile*>(X509_LOOKUP_get_method_data(lookup));
+  const unsigned char* bytes = nullptr;
+  std::size_t size = 0;
+  if (type != X509_LU_X509 || X509_NAME_get0_der(name, &bytes, &size) != 1) return 0;
+  const std::string_view subject(reinterpret_cast<const char*>(bytes), size);
+  if (!file->certificates) {
+    file->certificates = CertificateFile::certificatesIn(Files::read(file->path).value_or(""));
+  }
+  X509_STORE* store = X509_LOOKUP_get_store(lookup);
+  for (const auto& certificate : *file->certificates) {
+    if (CertificateFile::subjectOf(certificate) != subject) continue;
+    const auto* der = reinterpret_cast<const unsigned char*>(certificate.data());
+    X509* decoded = d2i_X509(nullptr, &der, static_cast<long>(certificate.size()));
+    if (decoded) X509_STORE_add_cert(store, decoded);
+    X509_free(decoded);
+  }
+  const X509_OBJECT* match = X509_OBJECT_retrieve_by_subject(X509_STORE_get0_objects(store), type, name);
+  if (!match || X509_OBJECT_set1_X509(found, X509_OBJECT_get0_X509(match)) != 1) return 0;
+  X509_free(X509_OBJECT_get0_X509(found));  // the caller expects to be lent the store's own reference
+  return 1;
+}
+
+X509_LOOKUP_METHOD* fileMethod() {
+  static X509_LOOKUP_METHOD* const method = [] {
+    X509_LOOKUP_METHOD* made = X509_LOOKUP_meth_new("certificates of a file, on demand");
+    X509_LOOKUP_meth_set_get_by_subject(made, findInFile);
+    X509_LOOKUP_meth_set_free(made, [](X509_LOOKUP* lookup) {
+      delete static_cast<LazyFile*>(X509_LOOKUP_get_method_data(lookup));
+    });
+    return made;
+  }();
+  return method;
+}
+
+void trustFile(SSL_CTX* context, const char* path, Trust trust) {
+  if (trust == Trust::whole) {
+    SSL_CTX_load_verify_file(context, path);
+    return;
+  }
+  X509_LOOKUP* lookup = X509_STORE_add_lookup(SSL_CTX_get_cert_store(context), fileMethod());
+  if (lookup) X509_LOOKUP_set_method_data(lookup, new LazyFile{path, std::nullopt});
+}
+
+struct Store {
+  const char* file;       // null or empty: none
+  const char* directory;  // null: none
+
+  bool hasFile() const { return file && *file; }
+};
+
+Store systemStore() {
+  const char* file = ::getenv(X509_get_default_cert_file_env());
+  const char* directory = ::getenv(X509_get_default_cert_dir_env());
+  if (!file || !directory) {
+    const char* hashed = systemDirectory();
+    if (!directory) directory = hashed;
+    if (!file && !hashed) file = systemBundle();
+  }
+  return {file, directory};
+}
+
+}  // namespace
+
+ssl_ctx_st* newClientContext(Trust trust) {
+  // The system's OpenSSL configuration is for other programs' needs (engines, providers) and may be broken.
+  // Nor is there anything to clean up at exit, when a name server may still be asked on another thread.
+  // The table of ciphers by old names is for callers that use those; to fill it costs a tenth of a handshake.
+  OPENSSL_init_ssl(OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_ATEXIT | OPENSSL_INIT_NO_ADD_ALL_CIPHERS,
+                   nullptr);
+  SSL_CTX* context = SSL_CTX_new(TLS_client_method());
+  if (!context) return nullptr;
+  SSL_CTX_set_min_proto_version(context, TLS1_2_VERSION);
+  SSL_CTX_set_verify(context, SSL_VERIFY_PEER, nullptr);
+  // What cannot be read is not trusted: verification tells. A file comes before a directory, as in OpenSSL's
+  // own defaults.
+  const Store store = systemStore();
+  if (store.hasFile()) trustFile(context, store.file, trust);
+  if (store.directory) SSL_CTX_load_verify_dir(context, store.directory);
+  return context;
+}
+
+bool expectHost(ssl_st* connection, const std::string& host) {
+  X509_VERIFY_PARAM* expected = SSL_get0_param(connection);
+  X509_VERIFY_PARAM_set_hostflags(expected, X509_CHECK_FLAG_NO_PARTIAL_WILDCARDS);
+  if (X509_VERIFY_PARAM_set1_ip_asc(expected, host.c_str()) == 1) return true;
+  return X509_VERIFY_PARAM_set1_host(expected, host.c_str(), host.size()) == 1 &&
+         SSL_set_tlsext_host_name(connection, host.c_str()) == 1;
+}
+
+Verdict verdictOn(ssl_st* connection) {
+  const long verdict = SSL_get_verify_result(connection);
+  const bool isIssuerUnknown = verdict == X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY ||
+                               verdict == X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT ||
+                               verdict == X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE ||
+                               verdict == X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN;
+  return {verdict == X509_V_OK, isIssuerUnknown && systemStore().hasFile(),
+          X509_verify_cert_error_string(verdict)};
+}
+
+}  // namespace Tls
