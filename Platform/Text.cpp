@@ -185,6 +185,19 @@ std::string_view trim(std::string_view text, Space kind) {
   return text;
 }
 
+std::string_view trim(std::string_view text, std::string_view characters) {
+  text.remove_prefix(std::min(text.find_first_not_of(characters), text.size()));
+  return text.substr(0, text.find_last_not_of(characters) + 1);
+}
+
+std::string_view takePart(std::string_view& rest, std::string_view separators) {
+  // A single character is what the C library looks for fastest.
+  const std::size_t end = separators.size() == 1 ? rest.find(separators[0]) : rest.find_first_of(separators);
+  const std::string_view part = rest.substr(0, end);
+  rest.remove_prefix(std::min(part.size() + 1, rest.size()));
+  return part;
+}
+
 std::string lowercased(std::string_view text) {
   return isAscii(text) ? asciiLowercased(text) : mapped(text, ucasemap_utf8ToLower);
 }

@@ -22,6 +22,14 @@ enum class Space {
 // `text` without white space of the given kind at both ends.
 std::string_view trim(std::string_view text, Space kind);
 
+// `text` without any of `characters` at both ends.
+std::string_view trim(std::string_view text, std::string_view characters);
+
+// Takes what stands before the first of the characters `separators` from the front of `rest`, and that
+// separator with it; all of `rest` when there is none. So a text falls into its lines or words:
+//   while (!rest.empty()) use(Text::takePart(rest, "\n"));
+std::string_view takePart(std::string_view& rest, std::string_view separators);
+
 // Lower case by the root locale's full mapping.
 std::string lowercased(std::string_view text);
 

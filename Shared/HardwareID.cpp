@@ -1,11 +1,11 @@
 #include "Shared/HardwareID.h"
 
-#include <algorithm>
 #include <optional>
 
 #include "Platform/Files.h"
 #include "Platform/Json/Utf8.h"
 #include "Platform/Process.h"
+#include "Platform/Text.h"
 
 namespace HardwareID {
 
@@ -40,15 +40,14 @@ const std::string& uuid() {
 }
 
 std::string idIn(std::string_view machineIdFile) {
-  const auto line = machineIdFile.substr(0, machineIdFile.find('\n'));
+  const auto line = Text::takePart(machineIdFile, "\n");
   return line == "uninitialized" ? "" : std::string(line);
 }
 
 std::string uuidIn(std::string_view ioregOutput) {
   if (!Utf8::isValid(ioregOutput)) return "";
   while (!ioregOutput.empty()) {
-    const auto line = ioregOutput.substr(0, ioregOutput.find('\n'));
-    ioregOutput.remove_prefix(std::min(line.size() + 1, ioregOutput.size()));
+    const auto line = Text::takePart(ioregOutput, "\n");
     if (line.find("IOPlatformUUID") == line.npos) continue;
     if (const auto value = quotedValue(line)) return std::string(*value);
   }

@@ -36,9 +36,8 @@ std::string_view surePart(std::string_view glob) {
   if (glob.find_first_of(R"(\^$|?+()[]{})") != glob.npos) return {};
   std::string_view longest;
   while (!glob.empty()) {
-    const std::string_view run = glob.substr(0, glob.find_first_of("*."));
+    const std::string_view run = Text::takePart(glob, "*.");
     if (run.size() > longest.size()) longest = run;
-    glob.remove_prefix(std::min(run.size() + 1, glob.size()));
   }
   return longest;
 }

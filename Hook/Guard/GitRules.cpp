@@ -14,8 +14,7 @@ std::optional<std::string> commandMentionsProtected(std::string_view command,
                                                     const std::vector<std::string>& protectedBranches,
                                                     TimeBudget& budget) {
   while (!command.empty()) {
-    const std::string piece(command.substr(0, command.find(' ')));
-    command.remove_prefix(std::min(piece.size() + 1, command.size()));
+    const std::string piece(Text::takePart(command, " "));
     if (piece.empty() || piece.starts_with('-')) continue;
     for (const std::string& branch : protectedBranches) {
       if (fnmatchWrap(branch, piece, budget)) return piece;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Tests/Support/Repeated.h"
+#include "Tests/Support/Table.h"
 
 namespace {
 
@@ -108,6 +109,32 @@ TEST(TextTrim, RemovesEachKindAtBothEndsAndNothingWithin) {
   };
   for (const Row& row : rows)
     EXPECT_EQ(Text::trim(row.text, row.kind), row.expected) << row.sentence;
+}
+
+TEST(TextTrim, RemovesGivenCharactersAtBothEnds) {
+  for (const auto& row : rows(R"(
+      /a/b/ ¦ / ¦ a/b
+      a     ¦ / ¦ a
+      ///   ¦ / ¦ ∅
+      ∅     ¦ / ¦ ∅
+      ␊␠a ␉ ¦ ␠␉␊ ¦ a
+      )"))
+    EXPECT_EQ(Text::trim(row[0], row[1]), row[2]) << row[0];
+}
+
+TEST(TextParts, AreWhatStandsBetweenSeparators) {
+  for (const auto& row : rows(R"(
+      a,b     ¦ ,  ¦ (a)(b)
+      a,,b,   ¦ ,  ¦ (a)()(b)
+      ,       ¦ ,  ¦ ()
+      ∅       ¦ ,  ¦ ∅
+      a, b␉c, ¦ ,␠␉ ¦ (a)()(b)(c)
+      )")) {
+    std::string parts;
+    for (std::string_view rest = row[0]; !rest.empty();)
+      parts.append("(").append(Text::takePart(rest, row[1])).append(")");
+    EXPECT_EQ(parts, row[2]) << row[0];
+  }
 }
 
 TEST(TextCase, MapsBeyondAscii) {
