@@ -4,7 +4,7 @@ SECONDS ?= 60
 BUILD := build
 JOBS ?= $(shell nproc 2>/dev/null || sysctl -n hw.ncpu)
 
-.PHONY: all demo test asan soak bench bench-plots fuzz install uninstall package format format-check lint clean
+.PHONY: all demo test asan soak bench bench-plots fuzz install uninstall package format format-check check-tree lint clean
 
 all:
 	@scripts/install-deps build
@@ -65,7 +65,11 @@ format-check:
 	@scripts/install-deps lint
 	@git ls-files '*.h' '*.cpp' | xargs clang-format --dry-run -Werror
 
-lint: format-check
+check-tree:
+	@scripts/install-deps lint
+	@scripts/check-tree
+
+lint: format-check check-tree
 	@scripts/install-deps build test lint
 	@cmake --preset dev >/dev/null
 	@git ls-files 'Hook/*.cpp' 'Shared/*.cpp' 'Platform/*.cpp' 'Server/*.cpp' | \
