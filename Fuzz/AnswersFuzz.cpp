@@ -7,10 +7,7 @@
 #include <variant>
 
 #include "Fuzz/Support/FuzzHome.h"
-#include "Hook/Handlers/PreCompact.h"
-#include "Hook/Handlers/PreToolUse.h"
-#include "Hook/Handlers/SessionStart.h"
-#include "Hook/Handlers/Stop.h"
+#include "Hook/Handlers/Handlers.h"
 #include "Hook/State/SessionStore.h"
 #include "Shared/DeviceIdentity.h"
 #include "Tests/Support/FakeControlPlane.h"
@@ -57,7 +54,7 @@ void handleEvent(const FuzzHome& home, const FakeControlPlane& plane, int choice
   if (choice < 8) require(!SessionStore::save(state), "a session can be stored");
   const Outcome outcome = handlers[choice % 4](event, client);
   require(Json::parseObject(renderJSON(outcome)).has_value(), "the answer is one JSON object");
-  require(choice % 4 < 2 || std::holds_alternative<EventRouter::Allow>(outcome), "only a gate objects");
+  require(choice % 4 < 2 || std::holds_alternative<Allow>(outcome), "only a gate objects");
 }
 
 }  // namespace

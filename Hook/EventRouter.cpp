@@ -7,13 +7,7 @@
 
 #include "Hook/ControlPlane/ObriskConfig.h"
 #include "Hook/ControlPlane/ObserveClient.h"
-#include "Hook/Handlers/Generic.h"
-#include "Hook/Handlers/PostToolUse.h"
-#include "Hook/Handlers/PreCompact.h"
-#include "Hook/Handlers/PreToolUse.h"
-#include "Hook/Handlers/SessionStart.h"
-#include "Hook/Handlers/Stop.h"
-#include "Hook/Handlers/Subagents.h"
+#include "Hook/Handlers/Handlers.h"
 
 namespace EventRouter {
 

@@ -21,6 +21,8 @@
 
 namespace {
 
+constexpr Log::Category logger{"hook"};
+
 constexpr std::string_view usage =
     "Usage: quib-hook [--app claude|cursor|copilot] [--profile NAME] < event.json\n"
     "       quib-hook --install-claude | --install-cursor | --install-copilot\n"
@@ -119,7 +121,7 @@ AgentAnswer handleInput(const Options& options) {
     event = Json::parseObject(stdinData);
   }
   if (!event) {
-    Log::error("hook", "hook: malformed stdin JSON, falling open");
+    logger.error("hook: malformed stdin JSON, falling open");
     return fallOpen();
   }
   return answer(*event, options);

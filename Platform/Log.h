@@ -7,17 +7,12 @@
 
 namespace Log {
 
-enum class Level { info, error };
+// The messages of one namespace, which has a constant `logger` of this type.
+struct Category {
+  std::string_view name;
 
-// `category` is one of "hook", "hook.router", "hook.transcript", "hook.cursor", "hook.copilot",
-// "hook.claude".
-void write(Level level, std::string_view category, std::string_view message);
-
-inline void error(std::string_view category, std::string_view message) {
-  write(Level::error, category, message);
-}
-inline void info(std::string_view category, std::string_view message) {
-  write(Level::info, category, message);
-}
+  void info(std::string_view message) const;
+  void error(std::string_view message) const;
+};
 
 }  // namespace Log

@@ -12,7 +12,8 @@
 namespace ClaudeInstaller {
 namespace {
 
-constexpr HookFile::File settings{".claude/settings.json", "Claude Code", "hook.claude"};
+constexpr Log::Category logger{"hook.claude"};
+constexpr HookFile::File settings{".claude/settings.json", "Claude Code", logger};
 
 struct Event {
   std::string_view name;

@@ -62,7 +62,8 @@ constexpr auto mapping = std::to_array<EventMapping::Row>({
     {{"errorOccurred"}, "Notification", {errorMessage, errorType}},
 });
 
-constexpr HookFile::File hookFile{".copilot/hooks/obrisk.json", "Copilot", "hook.copilot"};
+constexpr Log::Category logger{"hook.copilot"};
+constexpr HookFile::File hookFile{".copilot/hooks/obrisk.json", "Copilot", logger};
 
 constexpr std::array<std::string_view, 10> registeredEvents{
     "sessionStart",  "userPromptSubmitted", "preToolUse", "postToolUse", "postToolUseFailure",
@@ -70,15 +71,15 @@ constexpr std::array<std::string_view, 10> registeredEvents{
 };
 
 // An agent that has stopped cannot be asked anything: a question lets it stop.
-Json::Object answer(const EventRouter::Allow&, bool isStop) {
+Json::Object answer(const Allow&, bool isStop) {
   if (isStop) return {{"decision", "allow"}};
   return {{"permissionDecision", "allow"}};
 }
-Json::Object answer(const EventRouter::Ask& ask, bool isStop) {
+Json::Object answer(const Ask& ask, bool isStop) {
   if (isStop) return {{"decision", "allow"}};
   return {{"permissionDecision", "ask"}, {"permissionDecisionReason", ask.context}};
 }
-Json::Object answer(const EventRouter::Deny& deny, bool isStop) {
+Json::Object answer(const Deny& deny, bool isStop) {
   if (isStop) return {{"decision", "block"}, {"reason", deny.reason}};
   return {{"permissionDecision", "deny"}, {"permissionDecisionReason", deny.reason}};
 }

@@ -54,7 +54,8 @@ constexpr auto mapping = std::to_array<EventMapping::Row>({
     {{"sessionEnd"}, "Notification", {fixed("message", "session ended"), ofType("session_end")}},
 });
 
-constexpr HookFile::File hookFile{".cursor/hooks.json", "Cursor", "hook.cursor"};
+constexpr Log::Category logger{"hook.cursor"};
+constexpr HookFile::File hookFile{".cursor/hooks.json", "Cursor", logger};
 
 constexpr std::array<std::string_view, 12> registeredEvents{
     "sessionStart",
@@ -108,15 +109,15 @@ Kept keepOthers(std::string_view text, std::string_view command) {
 }
 
 // The answer to a prompt has members of its own.
-Json::Object answer(const EventRouter::Allow&, bool isPrompt) {
+Json::Object answer(const Allow&, bool isPrompt) {
   if (isPrompt) return {{"continue", true}};
   return {{"permission", "allow"}};
 }
-Json::Object answer(const EventRouter::Ask& ask, bool isPrompt) {
+Json::Object answer(const Ask& ask, bool isPrompt) {
   if (isPrompt) return {{"continue", true}, {"user_message", ask.context}};
   return {{"permission", "ask"}, {"user_message", ask.context}};
 }
-Json::Object answer(const EventRouter::Deny& deny, bool isPrompt) {
+Json::Object answer(const Deny& deny, bool isPrompt) {
   if (isPrompt) return {{"continue", false}, {"user_message", deny.reason}};
   return {{"permission", "deny"}, {"agent_message", deny.reason}, {"user_message", deny.reason}};
 }

@@ -4,7 +4,6 @@
 #include <system_error>
 
 #include "Platform/Files.h"
-#include "Platform/Log.h"
 #include "Platform/Paths.h"
 #include "Platform/Process.h"
 
@@ -76,12 +75,12 @@ bool replace(const File& file, std::string_view text) {
   Files::makeDirectories(place.substr(0, place.rfind('/')));
   error = Files::write(place, text, mode.value_or(0600) | 0400);
   if (error) return refuse(file, error.message());
-  Log::info(file.category, "installed " + std::string(file.agent) + " hooks at " + path(file));
+  file.logger.info("installed " + std::string(file.agent) + " hooks at " + path(file));
   return true;
 }
 
 bool refuse(const File& file, std::string_view why) {
-  Log::error(file.category, "failed to write ~/" + std::string(file.place) + ": " + std::string(why));
+  file.logger.error("failed to write ~/" + std::string(file.place) + ": " + std::string(why));
   return false;
 }
 

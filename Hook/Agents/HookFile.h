@@ -8,13 +8,14 @@
 #include <string_view>
 
 #include "Platform/Json/Json.h"
+#include "Platform/Log.h"
 
 namespace HookFile {
 
 struct File {
-  std::string_view place;     // below the home directory
-  std::string_view agent;     // the agent's name in messages
-  std::string_view category;  // of the log
+  std::string_view place;  // below the home directory
+  std::string_view agent;  // the agent's name in messages
+  Log::Category logger;    // of the agent's namespace
 };
 
 // Whether a command line can name the executable in single quotes and there is a home directory; logged if

@@ -4,20 +4,22 @@
 
 namespace {
 
-Json::Object body(const EventRouter::Allow&) {
+Json::Object decision(const std::string& event, const char* decision, const char* member,
+                      const std::string& text) {
+  return {{"hookSpecificOutput",
+           Json::Object{{"hookEventName", event}, {"permissionDecision", decision}, {member, text}}}};
+}
+
+Json::Object body(const Allow&) {
   return {{"continue", true}};
 }
 
-Json::Object body(const EventRouter::Ask& ask) {
-  return {{"hookSpecificOutput", Json::Object{{"hookEventName", ask.hookEventName},
-                                              {"permissionDecision", "ask"},
-                                              {"additionalContext", ask.context}}}};
+Json::Object body(const Ask& ask) {
+  return decision(ask.hookEventName, "ask", "additionalContext", ask.context);
 }
 
-Json::Object body(const EventRouter::Deny& deny) {
-  return {{"hookSpecificOutput", Json::Object{{"hookEventName", deny.hookEventName},
-                                              {"permissionDecision", "deny"},
-                                              {"permissionDecisionReason", deny.reason}}}};
+Json::Object body(const Deny& deny) {
+  return decision(deny.hookEventName, "deny", "permissionDecisionReason", deny.reason);
 }
 
 }  // namespace

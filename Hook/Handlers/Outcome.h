@@ -5,8 +5,6 @@
 #include <string>
 #include <variant>
 
-namespace EventRouter {
-
 // The agent goes on.
 struct Allow {
   bool operator==(const Allow&) const = default;
@@ -26,9 +24,7 @@ struct Deny {
   bool operator==(const Deny&) const = default;
 };
 
-}  // namespace EventRouter
-
-using Outcome = std::variant<EventRouter::Allow, EventRouter::Ask, EventRouter::Deny>;
+using Outcome = std::variant<Allow, Ask, Deny>;
 
 // The answer to Claude Code: one JSON object, keys sorted, no white space.
 std::string renderJSON(const Outcome& outcome);

@@ -1,9 +1,5 @@
-#include "Hook/Handlers/PreCompact.h"
-
-#include "Hook/Handlers/GuardDecision.h"
-#include "Hook/Handlers/SessionStart.h"
-#include "Hook/Handlers/Steps.h"
-#include "Platform/Text.h"
+#include "Hook/Handlers/Handlers.h"
+#include "Hook/Handlers/Session.h"
 
 namespace EventRouter {
 
@@ -11,36 +7,23 @@ namespace {
 
 constexpr const char* eventName = "PreCompact";
 
-std::string either(const std::string& reason, const char* otherwise) {
-  return reason.empty() ? otherwise : reason;
-}
+constexpr PolicyAnswer blocked{"precompact_block", "Budget policy blocked compaction",
+                               "Obrisk policy blocked compaction: ", "budget threshold exceeded"};
+constexpr PolicyAnswer warned{"precompact_warn", "Budget policy warning",
+                              "Obrisk budget warning before compaction: ", "approaching budget threshold"};
 
 }  // namespace
 
 Outcome handlePreCompact(const Json::Object& data, const ObserveClient& client) {
-  auto state = loadStarted(data, client);
-  if (!state) return Allow{};
+  auto session = loadStarted(data, client);
+  if (!session) return Allow{};
   Json::Object payload;
   if (const Json* preTokens = data.find("pre_tokens")) payload.set("pre_tokens", *preTokens);
-  emitStep(*state, "pre_compact", payload, client);
-  if (!client.config.isConfigured() || client.config.agentSlug.empty()) return Allow{};
-  auto result = client.checkPolicy("claude-code", "claude-code:precompact", state->run_id);
+  session->emitStep("pre_compact", payload);
+  const auto result = session->checkPolicy("claude-code:precompact");
   if (!result) return Allow{};
-  std::string action = Text::lowercased(result->action);
-  auto report = [&](const char* decision, const char* violation) {
-    emitGuardDecision(*state, eventName, {decision, either(result->reason, violation), "server-side"},
-                      client);
-  };
-  if (action == "block") {
-    report("precompact_block", "Budget policy blocked compaction");
-    return Deny{eventName,
-                "Obrisk policy blocked compaction: " + either(result->reason, "budget threshold exceeded")};
-  }
-  if (action == "warn") {
-    report("precompact_warn", "Budget policy warning");
-    return Ask{eventName, "Obrisk budget warning before compaction: " +
-                              either(result->reason, "approaching budget threshold")};
-  }
+  if (result->action == "block") return Deny{eventName, session->report(eventName, blocked, result->reason)};
+  if (result->action == "warn") return Ask{eventName, session->report(eventName, warned, result->reason)};
   return Allow{};
 }
 

@@ -1,16 +1,11 @@
-#include "Hook/Handlers/PreToolUse.h"
-
 #include <algorithm>
-#include <optional>
 
 #include "Hook/Guard/HookHandler.h"
 #include "Hook/Guard/RuleEvaluator.h"
-#include "Hook/Handlers/GuardDecision.h"
-#include "Hook/Handlers/SessionStart.h"
+#include "Hook/Handlers/Handlers.h"
+#include "Hook/Handlers/Session.h"
 #include "Hook/State/SessionStore.h"
-#include "Platform/Log.h"
 #include "Platform/Paths.h"
-#include "Platform/Text.h"
 
 namespace EventRouter {
 
@@ -18,7 +13,9 @@ namespace {
 
 constexpr const char* eventName = "PreToolUse";
 
-using Violations = std::vector<std::string>;
+constexpr PolicyAnswer blocked{"policy_block", "Policy violation",
+                               "Obrisk policy blocked: ", "Policy violation"};
+constexpr PolicyAnswer warned{"policy_warn", "Policy warning", "Policy warning: ", "Policy warning"};
 
 // The file that the call is to write; empty for every other call.
 std::string writtenFile(const std::string& toolName, const Json::Object& toolInput) {
@@ -26,103 +23,83 @@ std::string writtenFile(const std::string& toolName, const Json::Object& toolInp
 }
 
 std::optional<std::string> coworkConflict(const SessionState& state, const std::string& file) {
-  auto peer = SessionStore::findCoworkPeer(state.cwd, state.session_id);
+  const auto peer = SessionStore::findCoworkPeer(state.cwd, state.session_id);
   if (!peer) return std::nullopt;
-  std::string standardized = Paths::standardize(file);
-  bool conflict =
-      std::any_of(peer->modified_files.begin(), peer->modified_files.end(),
-                  [&](const std::string& each) { return Paths::standardize(each) == standardized; });
+  const std::string standardized = Paths::standardize(file);
+  const bool conflict = std::ranges::any_of(peer->modified_files, [&](const std::string& each) {
+    return Paths::standardize(each) == standardized;
+  });
   return conflict ? std::optional("Cowork conflict: teammate already modified " + file) : std::nullopt;
 }
 
 // What is to be said when the call would modify one more file.
 std::optional<std::string> scopeMessage(const SessionState& state, const GuardConfig& config,
                                         const std::string& file) {
-  if (std::find(state.modified_files.begin(), state.modified_files.end(), file) != state.modified_files.end())
-    return std::nullopt;
-  auto count = static_cast<std::int64_t>(state.modified_files.size());
-  std::string next = std::to_string(count + 1);
+  if (std::ranges::find(state.modified_files, file) != state.modified_files.end()) return std::nullopt;
+  const auto count = static_cast<std::int64_t>(state.modified_files.size());
+  const std::string start = "Session has modified " + std::to_string(count + 1) + " files ";
   if (config.max_file_changes >= 1 && count >= config.max_file_changes)
-    return "Session has modified " + next + " files (limit: " + std::to_string(config.max_file_changes) + ")";
+    return start + "(limit: " + std::to_string(config.max_file_changes) + ")";
   if (config.warn_file_changes >= 1 && count + 1 == config.warn_file_changes)
-    return "Session has modified " + next + " files — approaching limit";
+    return start + "— approaching limit";
   return std::nullopt;
 }
 
-// One tool call on its way through the gate.
+// One tool call while it is checked, and what is said against it.
 struct Gate {
-  SessionState state;
+  Session session;
   std::string toolName;
-  const ObserveClient& client;
-  Violations violations;
+  std::string violations = {};  // joined with "; "
 
-  void report(const std::string& action, const std::string& violation, const std::string& rule) {
-    emitGuardDecision(state, toolName, {action, violation, rule}, client);
-  }
+  void add(const std::string& violation) { violations += (violations.empty() ? "" : "; ") + violation; }
 
   void ask(const std::string& message, const std::string& rule) {
-    report("ask", message, rule);
-    violations.push_back(message);
+    session.emitGuardDecision(toolName, {"ask", message, rule});
+    add(message);
   }
 
   void checkFileChange(const GuardConfig& config, const std::string& file) {
     if (file.empty()) return;
-    if (state.is_cowork && config.detect_file_conflicts)
-      if (auto message = coworkConflict(state, file)) ask(*message, "cowork_conflict");
-    if (auto message = scopeMessage(state, config, file)) ask(*message, "session_scope");
+    if (session.state.is_cowork && config.detect_file_conflicts)
+      if (const auto message = coworkConflict(session.state, file)) ask(*message, "cowork_conflict");
+    if (const auto message = scopeMessage(session.state, config, file)) ask(*message, "session_scope");
   }
 
   std::optional<Deny> applyFailDefault() {
-    const std::string& failDefault = client.config.policyCheckFailDefault;
-    Log::error("hook.router", "PreToolUse policy check failed; applying fail-default=" + failDefault);
+    const std::string& failDefault = session.client.config.policyCheckFailDefault;
+    logger.error("PreToolUse policy check failed; applying fail-default=" + failDefault);
     if (failDefault == "deny")
       return Deny{eventName,
                   "Obrisk policy check failed and tenant default is deny — controlplane is unreachable. "
                   "Configure [claude-code] policy_check_fail_default=allow to override."};
     if (failDefault == "ask")
-      violations.push_back(
-          "Policy check failed (controlplane unreachable); proceeding requires confirmation.");
+      add("Policy check failed (controlplane unreachable); proceeding requires confirmation.");
     return std::nullopt;
   }
 
   std::optional<Deny> checkPolicy() {
-    if (!client.config.isConfigured() || client.config.agentSlug.empty()) return std::nullopt;
-    auto result = client.checkPolicy("claude-code", "tool:" + toolName, state.run_id);
+    if (!session.hasAgentSlug()) return std::nullopt;
+    const auto result = session.checkPolicy("tool:" + toolName);
     if (!result) return applyFailDefault();
-    std::string action = Text::lowercased(result->action);
-    if (action == "block") {
-      std::string reason = result->reason.empty() ? "Policy violation" : result->reason;
-      report("policy_block", reason, "server-side");
-      return Deny{eventName, "Obrisk policy blocked: " + reason};
-    }
-    if (action == "warn") {
-      std::string reason = result->reason.empty() ? "Policy warning" : result->reason;
-      violations.push_back("Policy warning: " + reason);
-      report("policy_warn", reason, "server-side");
-    }
+    if (result->action == "block") return Deny{eventName, session.report(toolName, blocked, result->reason)};
+    if (result->action == "warn") add(session.report(toolName, warned, result->reason));
     return std::nullopt;
   }
 };
 
-std::string joined(const Violations& violations) {
-  std::string text;
-  for (const std::string& each : violations)
-    text += (text.empty() ? "" : "; ") + each;
-  return text;
-}
-
 }  // namespace
 
 Outcome handlePreToolUse(const Json::Object& data, const ObserveClient& client) {
-  auto state = loadStarted(data, client);
-  if (!state) return Allow{};
+  auto session = loadStarted(data, client);
+  if (!session) return Allow{};
+  Gate gate{std::move(*session), data.text("tool_name")};
+  const std::string& cwd = gate.session.state.cwd;
   const Json::Object& toolInput = data.object("tool_input");
-  Gate gate{std::move(*state), data.text("tool_name"), client, {}};
-  GuardConfig config = HookHandler::loadEffectiveConfig(gate.state.cwd);
-  Verdict verdict = RuleEvaluator::checkToolUse(gate.toolName, toolInput, config, gate.state.cwd);
+  const GuardConfig config = HookHandler::loadEffectiveConfig(cwd);
+  const Verdict verdict = RuleEvaluator::checkToolUse(gate.toolName, toolInput, config, cwd);
   switch (verdict.action) {
     case Verdict::Action::block:
-      gate.report("deny", verdict.message, verdict.rule);
+      gate.session.emitGuardDecision(gate.toolName, {"deny", verdict.message, verdict.rule});
       return Deny{eventName, "Obrisk guard: " + verdict.message};
     case Verdict::Action::warn:
       gate.ask(verdict.message, verdict.rule);
@@ -132,7 +109,7 @@ Outcome handlePreToolUse(const Json::Object& data, const ObserveClient& client) 
   }
   if (auto denied = gate.checkPolicy()) return *denied;
   if (gate.violations.empty()) return Allow{};
-  return Ask{eventName, "Obrisk: " + joined(gate.violations)};
+  return Ask{eventName, "Obrisk: " + gate.violations};
 }
 
 }  // namespace EventRouter

@@ -1,16 +1,13 @@
-#include "Hook/Handlers/Stop.h"
-
 #include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <set>
-#include <utility>
 
-#include "Hook/Handlers/GuardDecision.h"
-#include "Hook/Handlers/SessionStart.h"
-#include "Hook/Handlers/Steps.h"
+#include "Hook/Handlers/Handlers.h"
+#include "Hook/Handlers/Session.h"
 #include "Hook/State/SessionStore.h"
 #include "Hook/Transcript/LLMCallDedupe.h"
+#include "Hook/Transcript/Transcript.h"
 #include "Platform/Clock.h"
 #include "Platform/Files.h"
 
@@ -93,46 +90,51 @@ std::string overageMessage(double cost, double cap, double overage) {
 }  // namespace
 
 Outcome handleStop(const Json::Object& data, const ObserveClient& client) {
-  auto state = loadStarted(data, client);
-  if (!state) return Allow{};
+  auto session = loadStarted(data, client);
+  if (!session) return Allow{};
+  SessionState& state = session->state;
   const std::string& sessionID = data.text("session_id");
   const std::string& transcript = data.text("transcript_path");
-  if (!client.config.isConfigured()) {
+  if (!session->isConfigured()) {
     SessionStore::remove(sessionID);
     return Allow{};
   }
   std::optional<TranscriptSummary> summary;
   if (!transcript.empty()) {
-    summary = Transcript::parse(transcript, state->transcript_offset);
-    state->transcript_offset = Files::size(transcript).value_or(state->transcript_offset);
-    sendNewCalls(state->run_id, summary->calls, client);
+    summary = Transcript::parse(transcript, state.transcript_offset);
+    state.transcript_offset = Files::size(transcript).value_or(state.transcript_offset);
+    sendNewCalls(state.run_id, summary->calls, client);
   }
-  Json::Object payload = stopPayload(*state, summary);
-  reconcileStopCost(*state, summary, client);
-  emitStep(*state, "stop", payload, client);
-  if (state->is_daily_session) {
-    SessionStore::save(*state);
+  const Json::Object payload = stopPayload(state, summary);
+  reconcileStopCost(*session, summary);
+  session->emitStep("stop", payload);
+  if (state.is_daily_session) {
+    session->save();
     return Allow{};
   }
-  client.completeRun(state->run_id, payload, "success", "", {});
+  client.completeRun(state.run_id, payload, "success", "", {});
   SessionStore::remove(sessionID);
   return Allow{};
 }
 
-void reconcileStopCost(SessionState& state, const std::optional<TranscriptSummary>& summary,
-                       const ObserveClient& client) {
-  if (!summary || summary->totalCost <= 0 || state.run_id.empty() || state.cost_overage_emitted ||
-      !client.config.isConfigured() || client.config.agentSlug.empty())
-    return;
-  auto result = client.checkPolicy("claude-code", "claude-code:stop", state.run_id);
-  auto cap = result ? costCap(result->metadata) : std::nullopt;
+void reconcileStopCost(Session& session, const std::optional<TranscriptSummary>& summary) {
+  SessionState& state = session.state;
+  if (!summary || summary->totalCost <= 0 || state.run_id.empty() || state.cost_overage_emitted) return;
+  const auto result = session.checkPolicy("claude-code:stop");
+  const auto cap = result ? costCap(result->metadata) : std::nullopt;
   if (!cap || *cap <= 0 || *cap >= summary->totalCost) return;
-  double overage = rounded(summary->totalCost - *cap);
-  emitGuardDecision(state, "Stop",
-                    {"post_run_overage", overageMessage(summary->totalCost, *cap, overage), "server-side"},
-                    client);
+  const double overage = rounded(summary->totalCost - *cap);
+  session.emitGuardDecision(
+      "Stop", {"post_run_overage", overageMessage(summary->totalCost, *cap, overage), "server-side"});
   state.cost_overage_emitted = true;
-  SessionStore::save(state);
+  session.save();
+}
+
+Outcome handleSessionEnd(const Json::Object& data, const ObserveClient& client) {
+  const std::string& sessionID = data.text("session_id");
+  if (sessionID.empty()) return Allow{};
+  const auto state = SessionStore::load(sessionID);
+  return state && !state->run_id.empty() ? handleStop(data, client) : Allow{};
 }
 
 }  // namespace EventRouter

@@ -1,75 +1,69 @@
-#include "Hook/Handlers/Subagents.h"
-
-#include "Hook/Handlers/SessionStart.h"
-#include "Hook/Handlers/Steps.h"
-#include "Hook/State/SessionStore.h"
+#include "Hook/Handlers/Handlers.h"
+#include "Hook/Handlers/Session.h"
 #include "Platform/Clock.h"
 
 namespace EventRouter {
 
 Outcome handleSubagentStart(const Json::Object& data, const ObserveClient& client) {
-  auto state = loadStarted(data, client);
-  if (!state) return Allow{};
+  auto session = loadStarted(data, client);
+  if (!session) return Allow{};
   const std::string& agentID = data.text("agent_id");
   const std::string& agentType = data.text("agent_type");
-  state->pending_subagent_spans.set(
+  session->state.pending_subagent_spans.set(
       agentID, Json::Object{{"agent_type", agentType}, {"start_time", Clock::dateTime()}});
-  SessionStore::save(*state);
-  emitStep(*state, "subagent_start", {{"agent_id", agentID}, {"agent_type", agentType}}, client);
+  session->save();
+  session->emitStep("subagent_start", {{"agent_id", agentID}, {"agent_type", agentType}});
   return Allow{};
 }
 
 Outcome handleSubagentStop(const Json::Object& data, const ObserveClient& client) {
-  auto state = loadStarted(data, client);
-  if (!state) return Allow{};
+  auto session = loadStarted(data, client);
+  if (!session) return Allow{};
   const std::string& agentID = data.text("agent_id");
   const std::string& agentType = data.text("agent_type");
-  Json pending = state->pending_subagent_spans.take(agentID).value_or(nullptr);
-  Json::Object started = pending.asObject() ? *pending.asObject() : Json::Object();
-  auto recordedStart = started.optionalText("start_time");
-  std::string startTime = recordedStart ? *recordedStart : Clock::dateTime();
-  std::string stopTime = Clock::dateTime();
-  if (!client.config.isConfigured()) {
-    SessionStore::save(*state);
-    return Allow{};
+  const Json pending = session->state.pending_subagent_spans.take(agentID).value_or(nullptr);
+  const Json::Object started = pending.asObject() ? *pending.asObject() : Json::Object();
+  const auto recordedStart = started.optionalText("start_time");
+  const std::string startTime = recordedStart ? *recordedStart : Clock::dateTime();
+  const std::string stopTime = Clock::dateTime();
+  if (session->isConfigured()) {
+    session->emitSpan(
+        {{"name", "subagent:" + (agentType.empty() ? "unknown" : agentType)},
+         {"kind", "agent"},
+         {"status", "ok"},
+         {"start_time", startTime},
+         {"end_time", stopTime},
+         {"attributes",
+          Json::Object{{"agent.type", agentType.empty() ? started.text("agent_type") : agentType},
+                       {"agent.id", agentID}}}});
+    session->emitStep("subagent_stop", {{"agent_id", agentID}, {"agent_type", agentType}});
+    session->state.advancePosition();
   }
-  emitSpan(
-      *state,
-      {{"name", "subagent:" + (agentType.empty() ? "unknown" : agentType)},
-       {"kind", "agent"},
-       {"status", "ok"},
-       {"start_time", startTime},
-       {"end_time", stopTime},
-       {"attributes", Json::Object{{"agent.type", agentType.empty() ? started.text("agent_type") : agentType},
-                                   {"agent.id", agentID}}}},
-      client);
-  emitStep(*state, "subagent_stop", {{"agent_id", agentID}, {"agent_type", agentType}}, client);
-  state->advancePosition();
-  SessionStore::save(*state);
+  session->save();
   return Allow{};
 }
 
 Outcome handleTeammateIdle(const Json::Object& data, const ObserveClient& client) {
-  auto state = loadStarted(data, client);
-  if (!state) return Allow{};
-  std::string coworkID = state->cowork_session_id;
-  if (!state->is_cowork) {
+  auto session = loadStarted(data, client);
+  if (!session) return Allow{};
+  SessionState& state = session->state;
+  std::string coworkID = state.cowork_session_id;
+  if (!state.is_cowork) {
     coworkID = data.text("session_id");
-    state->is_cowork = true;
-    if (state->cowork_session_id.empty()) state->cowork_session_id = coworkID;
-    SessionStore::save(*state);
+    state.is_cowork = true;
+    if (state.cowork_session_id.empty()) state.cowork_session_id = coworkID;
+    session->save();
   }
-  if (!client.config.isConfigured()) return Allow{};
-  std::string now = Clock::dateTime();
-  emitSpan(*state,
-           {{"name", "teammate_idle"},
-            {"kind", "custom"},
-            {"status", "ok"},
-            {"start_time", now},
-            {"end_time", now},
-            {"attributes", Json::Object{{"cowork.event", "teammate_idle"}, {"cowork.session_id", coworkID}}}},
-           client);
-  emitStep(*state, "teammate_idle", {{"cowork_session_id", coworkID}}, client);
+  if (!session->isConfigured()) return Allow{};
+  const std::string now = Clock::dateTime();
+  session->emitSpan(
+      {{"name", "teammate_idle"},
+       {"kind", "custom"},
+       {"status", "ok"},
+       {"start_time", now},
+       {"end_time", now},
+       {"attributes", Json::Object{{"cowork.event", "teammate_idle"}, {"cowork.session_id", coworkID}}}});
+  session->emitStep("teammate_idle", {{"cowork_session_id", coworkID}});
   return Allow{};
 }
 

@@ -14,6 +14,8 @@ namespace SessionStore {
 
 namespace {
 
+constexpr Log::Category logger{"hook.router"};
+
 constexpr std::string_view extension = ".json";
 constexpr auto staleAfter = std::chrono::hours(24);
 
@@ -55,7 +57,7 @@ std::error_code save(const SessionState& state) {
   // Another process of the session may have moved the file into place first; its record or ours is there
   // then.
   if (error && error != std::errc::no_such_file_or_directory)
-    Log::error("hook.router", "session record not saved: " + target + ": " + error.message());
+    logger.error("session record not saved: " + target + ": " + error.message());
   return error;
 }
 

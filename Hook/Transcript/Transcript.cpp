@@ -20,6 +20,8 @@ namespace Transcript {
 
 namespace {
 
+constexpr Log::Category logger{"hook.transcript"};
+
 constexpr std::size_t previewLength = 2000;    // characters
 constexpr std::size_t toolResultLength = 400;  // characters
 
@@ -153,7 +155,7 @@ std::int64_t saturatingSum(std::int64_t a, std::int64_t b) {
 
 TranscriptSummary parse(const std::string& path, std::int64_t startOffset) {
   if (!Files::exists(path)) {
-    Log::error("hook.transcript", "transcript not found: " + path);
+    logger.error("transcript not found: " + path);
     return {};
   }
   Walk walk;
@@ -168,7 +170,7 @@ TranscriptSummary parse(const std::string& path, std::int64_t startOffset) {
     valid = line || Utf8::isValid(piece);
     return valid;
   });
-  if (!read) Log::error("hook.transcript", "transcript read failed: " + path);
+  if (!read) logger.error("transcript read failed: " + path);
   if (!read || !valid) return {};
   addTotals(walk.summary);
   return std::move(walk.summary);

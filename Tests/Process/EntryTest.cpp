@@ -15,7 +15,6 @@ namespace {
 constexpr const char* open = R"({"continue":true})";
 
 TEST(Outcome, RendersForClaudeCode) {
-  using namespace EventRouter;
   EXPECT_EQ(renderJSON(Allow{}), open);
   EXPECT_EQ(
       renderJSON(Ask{"PreToolUse", "y"}),

@@ -133,7 +133,7 @@ TEST_F(FileFaults, AHomeThatNobodyKnowsIsNotTheRoot) {
       if (::chroot(sandbox.root().c_str()) != 0 || ::chdir("/project") != 0) return false;
       home ? sandbox.set("HOME", home) : sandbox.unset("HOME");
       ActivityLog::record("POST", "http://u", 200, 1, 2, "", std::nullopt);
-      Log::error("hook", "a message");
+      Log::Category{"hook"}.error("a message");
       LLMCallDedupe::save("other", {"a"});
       return !ObriskHookConfig::load(std::nullopt, "claude", "none").isConfigured() &&
              LLMCallDedupe::load("run").empty() &&

@@ -7,13 +7,7 @@
 #include <random>
 #include <sstream>
 
-#include "Hook/Handlers/Generic.h"
-#include "Hook/Handlers/PostToolUse.h"
-#include "Hook/Handlers/PreCompact.h"
-#include "Hook/Handlers/PreToolUse.h"
-#include "Hook/Handlers/SessionStart.h"
-#include "Hook/Handlers/Stop.h"
-#include "Hook/Handlers/Subagents.h"
+#include "Hook/Handlers/Handlers.h"
 #include "Hook/State/SessionStore.h"
 #include "Platform/Clock.h"
 #include "Shared/DeviceIdentity.h"
@@ -210,7 +204,7 @@ TEST_F(Patience, AControlPlaneThatCannotBeReachedIsNotWaitedForBeyondTheTimeout)
     const Outcome outcome = EventRouter::handlePreToolUse(
         event("PreToolUse", {{"tool_name", "Read"}, {"tool_input", Json::Object{}}}), client);
     EXPECT_LT(std::chrono::steady_clock::now() - start, 3 * client.timeout + 1s) << url;
-    EXPECT_TRUE(std::holds_alternative<EventRouter::Deny>(outcome)) << "and the fail default decides";
+    EXPECT_TRUE(std::holds_alternative<Deny>(outcome)) << "and the fail default decides";
   }
 }
 

@@ -8,7 +8,7 @@
 #include <filesystem>
 
 #include "Hook/EventRouter.h"
-#include "Hook/Handlers/PreToolUse.h"
+#include "Hook/Handlers/Handlers.h"
 #include "Hook/State/SessionStore.h"
 #include "Platform/Files.h"
 #include "Platform/Process.h"

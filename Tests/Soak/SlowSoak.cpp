@@ -3,7 +3,7 @@
 
 #include <iostream>
 
-#include "Hook/Handlers/PreToolUse.h"
+#include "Hook/Handlers/Handlers.h"
 #include "Hook/State/SessionStore.h"
 #include "Tests/Support/SessionFixture.h"
 
@@ -31,7 +31,7 @@ TEST_F(SlowSoak, AnAnswerWithoutEndHoldsAnEventForItsLimitOnly) {
     const Outcome outcome =
         EventRouter::handlePreToolUse(event("PreToolUse", {{"tool_name", "Read"}}), client);
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
-    EXPECT_TRUE(std::holds_alternative<EventRouter::Deny>(outcome)) << name;
+    EXPECT_TRUE(std::holds_alternative<Deny>(outcome)) << name;
     EXPECT_LT(took, 2 * (client.timeout + 5s) + 1s) << name;
     std::cout << name << ": " << took.count() << " s\n";
   }

@@ -116,18 +116,18 @@ TEST(CopilotAdapter, TranslatesEveryEvent) {
 }
 
 TEST(CopilotAdapter, AnswersInCopilotsWords) {
-  const EventRouter::Ask ask{"PreToolUse", "sure?"};
-  const EventRouter::Deny deny{"PreToolUse", "no"};
+  const Ask ask{"PreToolUse", "sure?"};
+  const Deny deny{"PreToolUse", "no"};
   const struct {
     Outcome outcome;
     const char* copilotEvent;
     const char* body;
   } rows[] = {
-      {EventRouter::Allow{}, "agentStop", R"({"decision":"allow"})"},
-      {EventRouter::Allow{}, "Stop", R"({"decision":"allow"})"},
-      {EventRouter::Allow{}, "stop", R"({"permissionDecision":"allow"})"},
-      {EventRouter::Allow{}, "preToolUse", R"({"permissionDecision":"allow"})"},
-      {EventRouter::Allow{}, "", R"({"permissionDecision":"allow"})"},
+      {Allow{}, "agentStop", R"({"decision":"allow"})"},
+      {Allow{}, "Stop", R"({"decision":"allow"})"},
+      {Allow{}, "stop", R"({"permissionDecision":"allow"})"},
+      {Allow{}, "preToolUse", R"({"permissionDecision":"allow"})"},
+      {Allow{}, "", R"({"permissionDecision":"allow"})"},
       {ask, "Stop", R"({"decision":"allow"})"},
       {ask, "agentStop", R"({"decision":"allow"})"},
       {ask, "preToolUse", R"({"permissionDecision":"ask","permissionDecisionReason":"sure?"})"},

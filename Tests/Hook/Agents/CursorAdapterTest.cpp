@@ -119,17 +119,17 @@ TEST(CursorAdapter, TranslatesEveryEvent) {
 }
 
 TEST(CursorAdapter, AnswersInCursorsWords) {
-  const EventRouter::Ask ask{"PreToolUse", "sure? a/b"};
-  const EventRouter::Deny deny{"PreToolUse", "blocked"};
+  const Ask ask{"PreToolUse", "sure? a/b"};
+  const Deny deny{"PreToolUse", "blocked"};
   const struct {
     Outcome outcome;
     const char* cursorEvent;
     const char* body;
   } rows[] = {
-      {EventRouter::Allow{}, "beforeSubmitPrompt", R"({"continue":true})"},
-      {EventRouter::Allow{}, "afterShellExecution", R"({"permission":"allow"})"},
-      {EventRouter::Allow{}, "", R"({"permission":"allow"})"},
-      {EventRouter::Allow{}, "UserPromptSubmit", R"({"permission":"allow"})"},
+      {Allow{}, "beforeSubmitPrompt", R"({"continue":true})"},
+      {Allow{}, "afterShellExecution", R"({"permission":"allow"})"},
+      {Allow{}, "", R"({"permission":"allow"})"},
+      {Allow{}, "UserPromptSubmit", R"({"permission":"allow"})"},
       {ask, "beforeSubmitPrompt", R"({"continue":true,"user_message":"sure? a\/b"})"},
       {ask, "beforeMCPExecution", R"({"permission":"ask","user_message":"sure? a\/b"})"},
       {deny, "beforeSubmitPrompt", R"({"continue":false,"user_message":"blocked"})"},

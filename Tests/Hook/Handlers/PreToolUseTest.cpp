@@ -1,4 +1,4 @@
-#include "Hook/Handlers/PreToolUse.h"
+#include "Hook/Handlers/Handlers.h"
 
 #include <gtest/gtest.h>
 

@@ -2,10 +2,7 @@
 
 #include <functional>
 
-#include "Hook/Handlers/Generic.h"
-#include "Hook/Handlers/PostToolUse.h"
-#include "Hook/Handlers/PreCompact.h"
-#include "Hook/Handlers/Subagents.h"
+#include "Hook/Handlers/Handlers.h"
 #include "Hook/State/SessionStore.h"
 #include "Platform/Clock.h"
 #include "Platform/Files.h"

@@ -1,11 +1,11 @@
-#include "Hook/Handlers/SessionStart.h"
+#include "Hook/Handlers/Handlers.h"
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 
-#include "Hook/Handlers/DailyRun.h"
-#include "Hook/Handlers/Steps.h"
+#include "Hook/Handlers/Session.h"
+#include "Hook/Handlers/ToolSummaries.h"
 #include "Hook/State/SessionStore.h"
 #include "Platform/Clock.h"
 #include "Platform/Files.h"
@@ -126,9 +126,9 @@ TEST_F(SessionStart, AnUnknownSessionStartsAtAnyEvent) {
   EXPECT_FALSE(loadStateFresh("s", nullptr, own()));
   EXPECT_FALSE(loadStateFresh("", &any, own()));
   EXPECT_EQ(sent(), Lines{});
-  auto state = loadStateFresh("s", &any, own());
-  ASSERT_TRUE(state);
-  EXPECT_EQ(state->span_count, 1);
+  auto session = loadStateFresh("s", &any, own());
+  ASSERT_TRUE(session);
+  EXPECT_EQ(session->state.span_count, 1);
   EXPECT_EQ(sent().front().substr(0, 95),
             R"(runs/start/ {"agent_name":"claude-code","inputs":{"cwd":"/w","source":"startup"},"metadata":{)"
             "\"m");
@@ -140,11 +140,12 @@ TEST_F(SessionStart, ARecordWithoutARunIsStartedOverAndADamagedOneToo) {
   empty.span_count = 9;
   Json::Object any = event("Stop");
   ASSERT_FALSE(SessionStore::save(empty));
-  EXPECT_EQ(loadStateFresh("s", &any, own())->run_id, "run-1");
+  EXPECT_EQ(loadStateFresh("s", &any, own())->state.run_id, "run-1");
   sandbox.write(sandbox.stateFile("s"), "{\"session_id\":\"s\"");
-  EXPECT_EQ(loadStateFresh("s", &any, own())->run_id, "run-2");
+  EXPECT_EQ(loadStateFresh("s", &any, own())->state.run_id, "run-2");
   ASSERT_FALSE(SessionStore::save(empty));
-  EXPECT_EQ(loadStateFresh("s", &any, unconfigured()), empty) << "what the second reading holds counts";
+  EXPECT_EQ(loadStateFresh("s", &any, unconfigured())->state, empty)
+      << "what the second reading holds counts";
   EXPECT_FALSE(loadStarted(any, unconfigured()));
 }
 
@@ -156,15 +157,15 @@ TEST_F(SessionStart, ASessionOfYesterdayRollsOver) {
   ASSERT_FALSE(SessionStore::save(old));
   Json::Object any = event("Notification");
 
-  EXPECT_EQ(loadStateFresh("s", &any, own()), old) << "without a slug there is no daily run";
+  EXPECT_EQ(loadStateFresh("s", &any, own())->state, old) << "without a slug there is no daily run";
   plane.on("/api/v1/observe/runs/daily/", FakeControlPlane::json({{"run_id", "run-0"}}));
-  EXPECT_EQ(loadStateFresh("s", &any, daily()), old) << "the same run changes nothing";
+  EXPECT_EQ(loadStateFresh("s", &any, daily())->state, old) << "the same run changes nothing";
   plane.on("/api/v1/observe/runs/daily/", FakeControlPlane::status(404));
-  EXPECT_EQ(loadStateFresh("s", &any, daily()), old) << "no answer changes nothing";
+  EXPECT_EQ(loadStateFresh("s", &any, daily())->state, old) << "no answer changes nothing";
   EXPECT_EQ(sent().size(), 2u);
 
   plane.on("/api/v1/observe/runs/daily/", FakeControlPlane::json({{"run_id", "new"}}));
-  SessionState rolled = *loadStateFresh("s", &any, daily());
+  SessionState rolled = loadStateFresh("s", &any, daily())->state;
   EXPECT_EQ(
       sent(),
       (Lines{R"(runs/daily/ {"agent_slug":"reviewer","agent_type":"claude-code"})",
@@ -184,7 +185,8 @@ TEST_F(SessionStart, ASessionOfYesterdayRollsOver) {
 TEST_F(SessionStart, AStepAfterMidnightGoesToTheNewRun) {
   SessionState state = started();
   state.started_at = "";
-  emitStep(state, "notification", {{"message", "m"}, {"kind", "mine"}, {"source", "x"}}, daily());
+  const ObserveClient client = daily();
+  Session{state, client}.emitStep("notification", {{"message", "m"}, {"kind", "mine"}, {"source", "x"}});
   auto lines = sent();
   ASSERT_EQ(lines.size(), 3u);
   EXPECT_EQ(lines[2],
@@ -196,10 +198,12 @@ TEST_F(SessionStart, AStepAfterMidnightGoesToTheNewRun) {
 
 TEST_F(SessionStart, NoStepWithoutARunOrAConfiguration) {
   SessionState state = started();
-  emitStep(state, "x", {}, unconfigured());
+  const ObserveClient nobody = unconfigured(), client = own();
+  Session session{state, nobody};
+  session.emitStep("x", {});
+  EXPECT_EQ(session.state.span_count, 0);
   state.run_id.clear();
-  emitStep(state, "x", {}, own());
-  EXPECT_EQ(state.span_count, 0);
+  Session{state, client}.emitStep("x", {});
   EXPECT_EQ(sent(), Lines{});
   EXPECT_FALSE(Files::exists(sandbox.state()));
 }

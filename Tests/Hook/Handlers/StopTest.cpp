@@ -1,12 +1,15 @@
-#include "Hook/Handlers/Stop.h"
+#include "Hook/Handlers/Handlers.h"
+#include "Hook/Handlers/Session.h"
 
 #include <gtest/gtest.h>
 
 #include <limits>
 
-#include "Hook/Handlers/Generic.h"
+#include "Hook/Handlers/Handlers.h"
+#include "Hook/Handlers/Session.h"
 #include "Hook/State/SessionStore.h"
 #include "Hook/Transcript/LLMCallDedupe.h"
+#include "Hook/Transcript/Transcript.h"
 #include "Platform/Clock.h"
 #include "Platform/Files.h"
 #include "Tests/Support/SessionFixture.h"
@@ -178,11 +181,13 @@ TEST_F(Stop, RoundsMoneyToTheMillionth) {
   summary.totalCost = 3.14159265;
   plane.on("/api/v1/observe/policy-check/",
            FakeControlPlane::json({{"metadata", Json::Object{{"cost_cap", 2.0}}}}));
-  reconcileStopCost(state, summary, daily());
+  const ObserveClient client = daily();
+  Session session{state, client};
+  reconcileStopCost(session, summary);
   EXPECT_NE(sent().at(1).find("Reconciled cost $3.1416 exceeds cap $2.0000 (overage $1.1416)"),
             std::string::npos);
-  reconcileStopCost(state, summary, daily());
-  reconcileStopCost(state, std::nullopt, daily());
+  reconcileStopCost(session, summary);
+  reconcileStopCost(session, std::nullopt);
   EXPECT_EQ(sent(), Lines{});
 }
 

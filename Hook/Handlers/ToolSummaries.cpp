@@ -1,14 +1,10 @@
-#include "Hook/Handlers/Steps.h"
+#include "Hook/Handlers/ToolSummaries.h"
 
 #include <algorithm>
 #include <array>
 #include <charconv>
 
-#include "Hook/Handlers/DailyRun.h"
-#include "Hook/State/SessionStore.h"
-#include "Platform/Clock.h"
 #include "Platform/Text.h"
-#include "Shared/HardwareID.h"
 
 namespace EventRouter {
 
@@ -78,34 +74,6 @@ std::string summarizeOther(const Json::Object& input) {
 }
 
 }  // namespace
-
-void emitStep(SessionState& state, const std::string& kind, Json::Object payload,
-              const ObserveClient& client) {
-  if (state.run_id.empty() || !client.config.isConfigured()) return;
-  refreshDailyRunIfStale(state, client);
-  const Json::Object base{{"kind", kind},
-                          {"source", "hook"},
-                          {"session_id", state.session_id},
-                          {"timestamp", Clock::dateTime()},
-                          {"hardware_uuid", HardwareID::uuid()}};
-  for (const auto& [key, value] : base)
-    if (!payload.find(key)) payload.set(key, value);
-  Json::Object step{{"step_name", "hook:" + kind}, {"position", state.span_count}};
-  step.set("output", std::move(payload));
-  recordStep(state, std::move(step), client);
-}
-
-void recordStep(SessionState& state, Json::Object step, const ObserveClient& client) {
-  Json::Array steps;
-  steps.emplace_back(std::move(step));
-  client.recordSteps(state.run_id, std::move(steps));
-  state.advancePosition();
-  SessionStore::save(state);
-}
-
-void emitSpan(const SessionState& state, const Json::Object& span, const ObserveClient& client) {
-  client.post("/api/v1/observe/runs/" + state.run_id + "/spans/", {{"spans", Json::Array{span}}}, "");
-}
 
 std::string summarizeToolInput(std::string_view toolName, const Json::Object& input) {
   if (input.empty()) return "";
