@@ -72,7 +72,6 @@ struct Channel {
       request.headers[name] = std::string(field.value());
     }
     request.body = message.body();
-    request.json = Json::parseObject(request.body).value_or(Json::Object{});
     return request;
   }
 };
@@ -102,6 +101,10 @@ std::string bodyOf(const Reply& reply) {
     if (!part.empty()) chunks += size + part + "\r\n";
   }
   return chunks + "0\r\nX-Trailer: x\r\n\r\n";
+}
+
+bool matches(const std::string& pattern, const Request& request) {
+  return ::fnmatch(pattern.c_str(), request.path().c_str(), 0) == 0;
 }
 
 }  // namespace
@@ -189,7 +192,7 @@ struct FakeControlPlane::State {
     }
     Handler handler;
     for (const auto& [pattern, candidate] : handlers) {
-      if (::fnmatch(pattern.c_str(), request.path().c_str(), 0) == 0) handler = candidate;
+      if (matches(pattern, request)) handler = candidate;
     }
     lock.unlock();
     return handler ? handler(request) : Reply{};
@@ -266,17 +269,15 @@ void FakeControlPlane::next(std::vector<Reply> replies) {
   std::ranges::move(replies, std::back_inserter(state_->script));
 }
 
-std::vector<Request> FakeControlPlane::requests() const {
-  const std::lock_guard lock(state_->mutex);
-  return state_->requests;
-}
-
 std::vector<Request> FakeControlPlane::requests(const std::string& pattern) const {
-  auto all = requests();
-  std::erase_if(all, [&](const Request& request) {
-    return ::fnmatch(pattern.c_str(), request.path().c_str(), 0) != 0;
-  });
-  return all;
+  const std::lock_guard lock(state_->mutex);
+  std::vector<Request> matching;
+  for (Request request : state_->requests) {
+    if (!matches(pattern, request)) continue;
+    request.json = Json::parseObject(request.body).value_or(Json::Object{});
+    matching.push_back(std::move(request));
+  }
+  return matching;
 }
 
 int FakeControlPlane::connections() const {

@@ -24,7 +24,9 @@ class FakeControlPlane {
     std::string target;                          // as sent: path and query, or the whole URL
     std::map<std::string, std::string> headers;  // names in lower case
     std::string body;
-    Json::Object json;  // the body's members; empty when it is not a JSON object
+    // What `requests` fills in: the body's members, none when it is not a JSON object. A handler does
+    // without, so that no answer waits for the reading of a long body.
+    Json::Object json;
 
     std::string path() const { return target.substr(0, target.find('?')); }
   };
@@ -87,9 +89,8 @@ class FakeControlPlane {
   // Answers for the very next requests, one each, before any pattern is looked at.
   void next(std::vector<Reply> replies);
 
-  std::vector<Request> requests() const;
-  // Those whose paths match `pattern`.
-  std::vector<Request> requests(const std::string& pattern) const;
+  // Those so far whose paths match `pattern`.
+  std::vector<Request> requests(const std::string& pattern = "*") const;
   int connections() const;  // accepted so far
 
   int port() const;

@@ -10,46 +10,33 @@
 #include <filesystem>
 #include <sstream>
 
+#include "Platform/Clock.h"
 #include "Platform/Files.h"
+#include "Platform/Process.h"
+#include "Tests/Support/Table.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* productVariables[] = {
-    "OBRISK_API_KEY",
-    "OBRISK_API_URL",
-    "CLAUDE_CODE_AGENT_SLUG",
-    "OBRISK_AGENT_SLUG",
-    "OBRISK_PROJECT_KEY",
-    "OBRISK_CC_STATE_DIR",
-    "OBRISK_POLICY_CHECK_FAIL_DEFAULT",
-    "HTTP_PROXY",
-    "HTTPS_PROXY",
-    "NO_PROXY",
-    "http_proxy",
-    "https_proxy",
-    "no_proxy",
-    "ALL_PROXY",
-    "all_proxy",
-    "SSL_CERT_FILE",
-    "SSL_CERT_DIR",
-};
+constexpr const char* productVariables = R"(
+  OBRISK_API_KEY OBRISK_API_URL CLAUDE_CODE_AGENT_SLUG OBRISK_AGENT_SLUG OBRISK_PROJECT_KEY OBRISK_CC_STATE_DIR
+  OBRISK_POLICY_CHECK_FAIL_DEFAULT HTTP_PROXY HTTPS_PROXY NO_PROXY ALL_PROXY http_proxy https_proxy no_proxy
+  all_proxy SSL_CERT_FILE SSL_CERT_DIR)";
 
-void redirect(const std::string& file, int flags, int descriptor) {
-  int opened = ::open(file.c_str(), flags, 0600);
+void redirect(int descriptor, const std::string& file, int flags) {
+  const int opened = ::open(file.c_str(), flags, 0600);
   if (opened < 0 || ::dup2(opened, descriptor) < 0) ::_exit(126);
 }
 
 }  // namespace
 
 Sandbox::Sandbox() {
-  std::string pattern = (fs::temp_directory_path() / "quib-test-XXXXXX").string();
-  if (!::mkdtemp(pattern.data())) throw std::runtime_error("no temporary directory");
-  root_ = pattern;
+  root_ = (fs::temp_directory_path() / "quib-test-XXXXXX").string();
+  if (!::mkdtemp(root_.data())) throw std::runtime_error("no temporary directory");
   fs::create_directory(home());
   fs::create_directory(project());
-  for (const char* name : productVariables)
+  for (const std::string& name : words(productVariables))
     unset(name);
   set("HOME", home());
   set("OBRISK_CC_STATE_DIR", state());
@@ -70,28 +57,28 @@ Sandbox::~Sandbox() {
   fs::remove_all(root_, ignored);
 }
 
+void Sandbox::remember(const std::string& name) {
+  saved_.try_emplace(name, Process::environment(name.c_str()));
+}
+
 void Sandbox::set(const std::string& name, const std::string& value) {
-  const char* old = ::getenv(name.c_str());
-  saved_.try_emplace(name, old ? std::optional<std::string>(old) : std::nullopt);
+  remember(name);
   ::setenv(name.c_str(), value.c_str(), 1);
 }
 
 void Sandbox::unset(const std::string& name) {
-  const char* old = ::getenv(name.c_str());
-  saved_.try_emplace(name, old ? std::optional<std::string>(old) : std::nullopt);
+  remember(name);
   ::unsetenv(name.c_str());
 }
 
-void Sandbox::write(const std::string& path, const std::string& content) const {
+void Sandbox::write(const std::string& path, std::string_view content) {
   fs::create_directories(fs::path(path).parent_path());
-  std::error_code error = Files::write(path, content);
-  ASSERT_FALSE(error) << path << ": " << error.message();
+  if (const std::error_code error = Files::write(path, content)) throw std::system_error(error, path);
 }
 
 void Sandbox::configure(const std::string& url, const std::string& agentSlug) const {
-  std::string profile = "[claude-code]\napi_url = " + url + "\napi_key = test-key\n";
-  if (!agentSlug.empty()) profile += "agent_slug = " + agentSlug + "\n";
-  write(home() + "/.obrisk/config", profile);
+  const std::string slug = agentSlug.empty() ? "" : "agent_slug = " + agentSlug + "\n";
+  write(home() + "/.obrisk/config", "[claude-code]\napi_url = " + url + "\napi_key = test-key\n" + slug);
 }
 
 ObserveClient Sandbox::client(const std::string& url, const std::string& agentSlug,
@@ -103,13 +90,22 @@ ObserveClient Sandbox::client(const std::string& url, const std::string& agentSl
   return client;
 }
 
+SessionState Sandbox::started() const {
+  SessionState state;
+  state.session_id = "s";
+  state.run_id = "run-0";
+  state.cwd = project();
+  state.started_at = Clock::dateTime();
+  return state;
+}
+
 int Sandbox::start(const std::vector<std::string>& arguments, const std::string& inputFile,
                    const std::string& outputFile, const std::string& errorFile) const {
-  pid_t child = ::fork();
+  const pid_t child = ::fork();
   if (child != 0) return child;
-  redirect(inputFile, O_RDONLY, STDIN_FILENO);
-  redirect(outputFile, O_WRONLY | O_CREAT | O_TRUNC, STDOUT_FILENO);
-  redirect(errorFile, O_WRONLY | O_CREAT | O_TRUNC, STDERR_FILENO);
+  redirect(STDIN_FILENO, inputFile, O_RDONLY);
+  redirect(STDOUT_FILENO, outputFile, O_WRONLY | O_CREAT | O_TRUNC);
+  redirect(STDERR_FILENO, errorFile, O_WRONLY | O_CREAT | O_TRUNC);
   if (::chdir(project().c_str()) != 0) ::_exit(126);
   std::vector<char*> argv{const_cast<char*>(QUIB_HOOK_EXECUTABLE)};
   for (const std::string& argument : arguments)
@@ -121,26 +117,19 @@ int Sandbox::start(const std::vector<std::string>& arguments, const std::string&
 }
 
 Sandbox::Result Sandbox::run(const std::vector<std::string>& arguments, const std::string& input) const {
-  std::string in = root_ + "/stdin", out = root_ + "/stdout", err = root_ + "/stderr";
+  const std::string in = root_ + "/stdin", out = root_ + "/stdout", err = root_ + "/stderr";
   write(in, input);
   int status = 0;
   ::waitpid(start(arguments, in, out, err), &status, 0);
-  Result result;
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  result.output = contentOf(out);
-  result.error = contentOf(err);
-  return result;
-}
-
-Sandbox::Result Sandbox::run(const std::vector<std::string>& arguments, const Json::Object& event) const {
-  return run(arguments, Json(event).compact());
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), contentOf(out), contentOf(err)};
 }
 
 bool Sandbox::asOwner(const std::function<bool()>& work) const {
   constexpr uid_t nobody = 65534;
   if (::geteuid() != 0) return inChildProcess(work);
-  EXPECT_EQ(::chown(root_.c_str(), nobody, nobody), 0);
-  for (const std::string& name : tree(root_))
+  std::vector<std::string> names = tree(root_);
+  names.push_back("");  // the root itself
+  for (const std::string& name : names)
     EXPECT_EQ(::lchown((root_ + "/" + name).c_str(), nobody, nobody), 0) << name;
   return inChildProcess([&] { return ::setgid(nobody) == 0 && ::setuid(nobody) == 0 && work(); });
 }
@@ -150,7 +139,7 @@ std::vector<std::string> Sandbox::tree(const std::string& directory) {
   std::error_code ignored;
   for (const auto& entry : fs::recursive_directory_iterator(directory, ignored))
     names.push_back(entry.path().lexically_relative(directory).string());
-  std::sort(names.begin(), names.end());
+  std::ranges::sort(names);
   return names;
 }
 
@@ -163,7 +152,7 @@ bool inChildProcess(const std::function<bool()>& work) {
 }
 
 std::string contentOf(const std::string& path) {
-  auto content = Files::read(path);
+  const auto content = Files::read(path);
   EXPECT_TRUE(content) << path << " cannot be read";
   return content.value_or("");
 }

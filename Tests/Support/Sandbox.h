@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Hook/ControlPlane/ObserveClient.h"
+#include "Hook/State/SessionState.h"
 #include "Platform/Json/Json.h"
 
 class Sandbox {
@@ -30,8 +31,8 @@ class Sandbox {
   void set(const std::string& name, const std::string& value);  // until the end of the test
   void unset(const std::string& name);
 
-  // Writes a file with its directories.
-  void write(const std::string& path, const std::string& content) const;
+  // Writes a file with its directories. Throws when it cannot.
+  static void write(const std::string& path, std::string_view content);
 
   // A profile file whose section "claude-code" names that control plane; no slug when `agentSlug` is empty.
   void configure(const std::string& url, const std::string& agentSlug = "") const;
@@ -39,6 +40,9 @@ class Sandbox {
   // A client for that control plane whose retries take no time.
   static ObserveClient client(const std::string& url, const std::string& agentSlug = "",
                               const std::string& failDefault = "allow");
+
+  // The record of a session "s" with run "run-0" in the project directory, started now, at position 0.
+  SessionState started() const;
 
   struct Result {
     int status = 0;  // exit status, or 128 + the signal that ended it
@@ -48,7 +52,9 @@ class Sandbox {
 
   // Runs the product's executable in this environment, in the project directory.
   Result run(const std::vector<std::string>& arguments, const std::string& input) const;
-  Result run(const std::vector<std::string>& arguments, const Json::Object& event) const;
+  Result run(const std::vector<std::string>& arguments, const Json::Object& event) const {
+    return run(arguments, Json(event).compact());
+  }
 
   // Starts it without waiting; the caller waits for the process.
   int start(const std::vector<std::string>& arguments, const std::string& inputFile,
@@ -65,6 +71,8 @@ class Sandbox {
   static std::vector<std::string> tree(const std::string& directory);
 
  private:
+  void remember(const std::string& name);
+
   std::string root_;
   std::map<std::string, std::optional<std::string>> saved_;
 };

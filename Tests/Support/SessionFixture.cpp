@@ -59,15 +59,6 @@ std::vector<std::string> SessionFixture::sent() {
   return lines;
 }
 
-SessionState SessionFixture::started() const {
-  SessionState state;
-  state.session_id = "s";
-  state.run_id = "run-0";
-  state.cwd = sandbox.project();
-  state.started_at = Clock::dateTime();
-  return state;
-}
-
 SessionState SessionFixture::stored(const std::string& sessionID) {
   auto state = SessionStore::load(sessionID);
   EXPECT_TRUE(state) << "no record of session " << sessionID;

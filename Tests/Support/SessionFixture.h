@@ -27,8 +27,7 @@ class SessionFixture : public testing::Test {
   // every date-time of today reads <now>, the machine's id <uuid>, and slashes are not escaped.
   std::vector<std::string> sent();
 
-  // The record of a session "s" with run "run-0" in the project directory, started now, at position 0.
-  SessionState started() const;
+  SessionState started() const { return sandbox.started(); }
 
   // The stored record of session "s"; the test fails when there is none.
   static SessionState stored(const std::string& sessionID = "s");

@@ -20,7 +20,7 @@ class AdapterProcess : public SessionFixture {
         "]\napi_url = " + plane.url() + "\napi_key = test-key\nagent_slug = reviewer\n";
     sandbox.write(sandbox.home() + "/.obrisk/config", "[cursor" + profile + "[copilot" + profile);
     plane.on("*/policy-check/", [](const FakeControlPlane::Request& request) {
-      const std::string& workflow = request.json.text("workflow_name");
+      const std::string workflow = parsed(request.body).text("workflow_name");
       if (workflow == "tool:MCP:search")
         return FakeControlPlane::json({{"action", "warn"}, {"reason", "costly"}});
       if (workflow == "tool:deploy")
