@@ -33,8 +33,7 @@ struct GenericRow {
   std::array<std::string_view, 3> keys;  // unused ones empty, at the end
 
   std::span<const std::string_view> includeKeys() const {
-    auto end = std::find(keys.begin(), keys.end(), std::string_view());
-    return {keys.begin(), end};
+    return {keys.begin(), std::ranges::find(keys, "")};
   }
 };
 
@@ -57,21 +56,15 @@ constexpr GenericRow generics[] = {
     {"ElicitationResult", "elicitation_result", {"server_name", "response"}},
 };
 
-template <typename Row, std::size_t size>
-const Row* find(const Row (&rows)[size], std::string_view event) {
-  auto row =
-      std::find_if(std::begin(rows), std::end(rows), [&](const Row& each) { return each.event == event; });
-  return row == std::end(rows) ? nullptr : row;
-}
-
 }  // namespace
 
 Outcome handle(const Json::Object& data, const std::optional<std::string>& requestedProfile,
                const std::string& process) {
   const std::string& event = data.text("hook_event_name");
   ObserveClient client{.config = ObriskHookConfig::load(requestedProfile, process)};
-  if (const HandlerRow* row = find(handlers, event)) return row->handler(data, client);
-  if (const GenericRow* row = find(generics, event))
+  if (const auto* row = std::ranges::find(handlers, event, &HandlerRow::event); row != std::end(handlers))
+    return row->handler(data, client);
+  if (const auto* row = std::ranges::find(generics, event, &GenericRow::event); row != std::end(generics))
     return handleGeneric(data, std::string(row->kind), row->includeKeys(), client);
   return handleGeneric(data, "unknown:" + event, {}, client);
 }

@@ -69,7 +69,7 @@ struct Options {
   Installer install = nullptr;
 };
 
-// What is not known is skipped, of repeated options the last one counts.
+// Skips arguments that it does not know; of repeated options the last one counts.
 Options scan(const std::vector<std::string>& argv) {
   Options options;
   for (std::size_t i = 1; i < argv.size(); ++i) {
@@ -89,8 +89,8 @@ AgentAnswer fallOpen() {
   return {Json(Json::Object{{"continue", true}}).compact(), 0};
 }
 
-// The absolute path, links resolved, that agents are to start. Started by its bare name through the search
-// path, argument 0 leads to no file; then the system's word counts.
+// The absolute path of this executable, links resolved. Argument 0 names no file when it was started by its
+// bare name through PATH; then the operating system is asked.
 std::string binaryPath(const std::string& argument) {
   std::string resolved = Paths::resolveLinks(argument);
   return Files::mode(resolved) ? resolved : Process::executable();
@@ -101,8 +101,7 @@ AgentAnswer installation(bool installed) {
 }
 
 AgentAnswer answer(const Json::Object& event, const Options& options) {
-  auto dialect = std::find_if(std::begin(dialects), std::end(dialects),
-                              [&](const DialectRow& row) { return row.app == options.app; });
+  const auto* dialect = std::ranges::find(dialects, options.app, &DialectRow::app);
   if (dialect == std::end(dialects))
     return {renderJSON(EventRouter::handle(event, options.requestedProfile, "claude")), 0};
   NormalizedEvent normalized = dialect->normalize(event);

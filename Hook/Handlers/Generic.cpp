@@ -7,7 +7,7 @@ namespace EventRouter {
 
 namespace {
 
-// What an event of no known kind need not repeat in its step.
+// The members of an unknown event that its step leaves out.
 constexpr std::string_view envelope[] = {"session_id", "hook_event_name", "transcript_path"};
 
 bool isIncluded(std::string_view key, std::span<const std::string_view> includeKeys) {

@@ -31,16 +31,10 @@ Outcome handlePostToolUse(const Json::Object& data, const ObserveClient& client)
   const std::string outputSummary = summarizeToolOutput(data.object("tool_response"));
   const std::string now = Clock::dateTime();
 
-  session->emitSpan({{"name", toolName},
-                     {"kind", "tool"},
-                     {"status", "ok"},
-                     {"start_time", now},
-                     {"end_time", now},
-                     {"attributes", Json::Object{{"tool.name", toolName},
-                                                 {"tool.input_summary", inputSummary},
-                                                 {"tool.output_summary", outputSummary}}},
-                     {"input_data", inputSummary},
-                     {"output_data", outputSummary}});
+  const Json::Object attributes{
+      {"tool.name", toolName}, {"tool.input_summary", inputSummary}, {"tool.output_summary", outputSummary}};
+  session->emitSpan({toolName, "tool", "ok", now, now, attributes},
+                    {{"input_data", inputSummary}, {"output_data", outputSummary}});
   noteModifiedFile(session->state, toolName, toolInput);
   session->recordStep("tool_use:" + toolName, {{"kind", "tool_use"},
                                                {"tool_name", toolName},
@@ -60,13 +54,8 @@ Outcome handlePostToolUseFailure(const Json::Object& data, const ObserveClient& 
   Json::Array events;
   if (!error.empty()) events.push_back(Json::Object{{"name", "error"}, {"message", error}});
 
-  session->emitSpan({{"name", toolName},
-                     {"kind", "tool"},
-                     {"status", "error"},
-                     {"start_time", now},
-                     {"end_time", now},
-                     {"attributes", Json::Object{{"tool.name", toolName}, {"error.message", error}}},
-                     {"events", events}});
+  const Json::Object attributes{{"tool.name", toolName}, {"error.message", error}};
+  session->emitSpan({toolName, "tool", "error", now, now, attributes}, {{"events", events}});
   session->emitStep("tool_failure", {{"tool_name", toolName}, {"error", error}});
   session->state.advancePosition();
   session->save();

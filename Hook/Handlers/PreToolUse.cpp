@@ -32,7 +32,7 @@ std::optional<std::string> coworkConflict(const SessionState& state, const std::
   return conflict ? std::optional("Cowork conflict: teammate already modified " + file) : std::nullopt;
 }
 
-// What is to be said when the call would modify one more file.
+// The message for a call that modifies one more file, when that reaches a limit.
 std::optional<std::string> scopeMessage(const SessionState& state, const GuardConfig& config,
                                         const std::string& file) {
   if (std::ranges::find(state.modified_files, file) != state.modified_files.end()) return std::nullopt;
@@ -45,7 +45,7 @@ std::optional<std::string> scopeMessage(const SessionState& state, const GuardCo
   return std::nullopt;
 }
 
-// One tool call while it is checked, and what is said against it.
+// One tool call and the objections to it so far.
 struct Gate {
   Session session;
   std::string toolName;

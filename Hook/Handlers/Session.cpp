@@ -12,21 +12,25 @@ namespace {
 
 constexpr std::size_t dateLength = 10;
 
-// Adds those members of `base` that `output` has not.
+// Adds those members of `base` that `output` lacks.
 void layUnder(Json::Object& output, const Json::Object& base) {
   for (const auto& [key, value] : base)
     if (!output.find(key)) output.set(key, value);
 }
 
-// Moved all the way: an output can hold a whole prompt.
+Json::Array listOf(Json::Object element) {
+  Json::Array list;
+  list.emplace_back(std::move(element));
+  return list;
+}
+
+// The output is moved, never copied: it can hold a whole prompt.
 void sendStep(const Session& session, const std::string& name, Json::Object output) {
   const SessionState& state = session.state;
   layUnder(output, {{"source", "hook"}, {"session_id", state.session_id}});
   Json::Object step{{"step_name", "hook:" + name}, {"position", state.span_count}};
   step.set("output", std::move(output));
-  Json::Array steps;
-  steps.emplace_back(std::move(step));
-  session.client.recordSteps(state.run_id, std::move(steps));
+  session.client.recordSteps(state.run_id, listOf(std::move(step)));
 }
 
 bool isStarted(const std::optional<SessionState>& state) {
@@ -49,8 +53,15 @@ void Session::recordStep(const std::string& name, Json::Object output) {
   save();
 }
 
-void Session::emitSpan(const Json::Object& span) const {
-  client.post("/api/v1/observe/runs/" + state.run_id + "/spans/", {{"spans", Json::Array{span}}}, "");
+void Session::emitSpan(const Span& span, const Json::Object& more) const {
+  Json::Object whole{{"name", span.name},        {"kind", span.kind},
+                     {"status", span.status},    {"start_time", span.startTime},
+                     {"end_time", span.endTime}, {"attributes", span.attributes}};
+  for (const auto& [key, value] : more)
+    whole.set(key, value);
+  Json::Object body;
+  body.set("spans", listOf(std::move(whole)));
+  client.post("/api/v1/observe/runs/" + state.run_id + "/spans/", std::move(body), "");
 }
 
 void Session::emitGuardDecision(const std::string& toolName, const GuardDecision& decision) {

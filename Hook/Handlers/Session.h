@@ -31,6 +31,16 @@ struct PolicyAnswer {
   const char* detail;     // and in the place of one
 };
 
+// A timed piece of work of the session.
+struct Span {
+  std::string name;
+  const char* kind;
+  const char* status;  // "ok" or "error"
+  std::string startTime;
+  std::string endTime;
+  Json::Object attributes;
+};
+
 struct Session {
   SessionState state;
   const ObserveClient& client;
@@ -45,7 +55,8 @@ struct Session {
   // Sends the step "hook:NAME" with `output`; then advances the position and saves the state.
   void recordStep(const std::string& name, Json::Object output);
 
-  void emitSpan(const Json::Object& span) const;
+  // Sends the span, with the members of `more` beside its own.
+  void emitSpan(const Span& span, const Json::Object& more = {}) const;
 
   // Records what a rule or a policy decided against a tool call or a compaction, or found in a turn's cost.
   // Does nothing without a run or a configuration.

@@ -27,15 +27,10 @@ Outcome handleSubagentStop(const Json::Object& data, const ObserveClient& client
   const std::string startTime = recordedStart ? *recordedStart : Clock::dateTime();
   const std::string stopTime = Clock::dateTime();
   if (session->isConfigured()) {
-    session->emitSpan(
-        {{"name", "subagent:" + (agentType.empty() ? "unknown" : agentType)},
-         {"kind", "agent"},
-         {"status", "ok"},
-         {"start_time", startTime},
-         {"end_time", stopTime},
-         {"attributes",
-          Json::Object{{"agent.type", agentType.empty() ? started.text("agent_type") : agentType},
-                       {"agent.id", agentID}}}});
+    const Json::Object attributes{{"agent.type", agentType.empty() ? started.text("agent_type") : agentType},
+                                  {"agent.id", agentID}};
+    const std::string name = "subagent:" + (agentType.empty() ? "unknown" : agentType);
+    session->emitSpan({name, "agent", "ok", startTime, stopTime, attributes});
     session->emitStep("subagent_stop", {{"agent_id", agentID}, {"agent_type", agentType}});
     session->state.advancePosition();
   }
@@ -56,13 +51,8 @@ Outcome handleTeammateIdle(const Json::Object& data, const ObserveClient& client
   }
   if (!session->isConfigured()) return Allow{};
   const std::string now = Clock::dateTime();
-  session->emitSpan(
-      {{"name", "teammate_idle"},
-       {"kind", "custom"},
-       {"status", "ok"},
-       {"start_time", now},
-       {"end_time", now},
-       {"attributes", Json::Object{{"cowork.event", "teammate_idle"}, {"cowork.session_id", coworkID}}}});
+  const Json::Object attributes{{"cowork.event", "teammate_idle"}, {"cowork.session_id", coworkID}};
+  session->emitSpan({"teammate_idle", "custom", "ok", now, now, attributes});
   session->emitStep("teammate_idle", {{"cowork_session_id", coworkID}});
   return Allow{};
 }
