@@ -44,9 +44,9 @@ void requireSameWithoutParts(std::string_view text) {
     const bool whole = PatternSubject(text, budget).matches({pattern.expression});
     require(shortcut == whole || budget.spent(), "a pattern matches without its parts");
   };
-  for (const GuardPattern& pattern : BuiltIn::blockedCommands)
+  for (const GuardPattern& pattern : BuiltIn::defaultBlockedCommands)
     check(pattern);
-  for (const GuardPattern& pattern : BuiltIn::warnCommands)
+  for (const GuardPattern& pattern : BuiltIn::defaultWarnCommands)
     check(pattern);
   for (const GuardPattern& pattern : BuiltIn::internalURLPatterns)
     check(pattern);

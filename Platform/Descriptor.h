@@ -3,8 +3,10 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <optional>
 #include <string>
+#include <string_view>
 
 // Closed at the end of its scope; `valid()` is false when opening failed.
 class Descriptor {
@@ -19,6 +21,17 @@ class Descriptor {
  private:
   int descriptor_;
 };
+
+// What a system call returns, made again whenever a signal interrupts it.
+auto uninterrupted(auto call) {
+  auto result = call();
+  while (result < 0 && errno == EINTR)
+    result = call();
+  return result;
+}
+
+// Writes all bytes, waiting where the descriptor does not; false at the first error.
+bool writeAll(int descriptor, std::string_view bytes);
 
 // The path as the system takes it. No file has a NUL in its name; the empty path stands for one that does,
 // and is never found.

@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstring>
+#include <memory>
 
 #include "Platform/Descriptor.h"
 
@@ -22,14 +24,8 @@ std::error_code lastError() {
   return {errno, std::generic_category()};
 }
 
-bool writeAll(int descriptor, std::string_view bytes) {
-  while (!bytes.empty()) {
-    ssize_t count = ::write(descriptor, bytes.data(), bytes.size());
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return false;
-    bytes.remove_prefix(static_cast<std::size_t>(count));
-  }
-  return true;
+ssize_t readAt(int descriptor, char* bytes, std::size_t size, std::size_t position) {
+  return uninterrupted([&] { return ::pread(descriptor, bytes, size, static_cast<off_t>(position)); });
 }
 
 std::optional<std::string> contentOf(const Descriptor& file, std::size_t size) {
@@ -37,8 +33,7 @@ std::optional<std::string> contentOf(const Descriptor& file, std::size_t size) {
   content.resize(size);
   std::size_t filled = 0;
   while (filled < size) {
-    ssize_t count = ::pread(file.get(), content.data() + filled, size - filled, static_cast<off_t>(filled));
-    if (count < 0 && errno == EINTR) continue;
+    const ssize_t count = readAt(file.get(), content.data() + filled, size - filled, filled);
     if (count < 0) return std::nullopt;
     if (count == 0) break;  // truncated meanwhile
     filled += static_cast<std::size_t>(count);
@@ -48,7 +43,7 @@ std::optional<std::string> contentOf(const Descriptor& file, std::size_t size) {
 }
 
 bool endsTorn(const Descriptor& file) {
-  auto attributes = regularFile(file);
+  const auto attributes = regularFile(file);
   char last = '\n';
   return attributes && attributes->st_size > 0 &&
          ::pread(file.get(), &last, 1, attributes->st_size - 1) == 1 && last != '\n';
@@ -83,7 +78,7 @@ bool lockedAndTorn(const Descriptor& file) {
 Descriptor createBeside(const std::string& path, std::string& name) {
   name = path.substr(0, path.rfind('/') + 1).append(temporaryPrefix).append("XXXXXX");
 #ifdef __APPLE__
-  int descriptor = ::mkstemp(name.data());
+  const int descriptor = ::mkstemp(name.data());
   if (descriptor >= 0) ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
   return Descriptor(descriptor);
 #else
@@ -91,12 +86,98 @@ Descriptor createBeside(const std::string& path, std::string& name) {
 #endif
 }
 
+// Reads a file in chunks, keeping those of its bytes that the caller has not done with.
+class Chunks {
+ public:
+  Chunks(int descriptor, std::size_t from, std::size_t end)
+      : descriptor_(descriptor), position_(from), end_(end) {}
+
+  bool failed() const { return failed_; }
+
+  // `kept` (the end of what the last call gave) with the next chunk behind it; `kept` alone at the file's end
+  // and when reading fails.
+  std::string_view more(std::string_view kept) {
+    if (!kept.empty() && kept.data() != bytes_.get()) std::memmove(bytes_.get(), kept.data(), kept.size());
+    const std::size_t count = std::min(chunkSize, end_ - position_);
+    if (!reserve(kept.size() + count)) return {bytes_.get(), kept.size()};
+    const ssize_t filled = readAt(descriptor_, bytes_.get() + kept.size(), count, position_);
+    failed_ = filled < 0;
+    if (filled <= 0) return {bytes_.get(), kept.size()};
+    position_ += static_cast<std::size_t>(filled);
+    return {bytes_.get(), kept.size() + static_cast<std::size_t>(filled)};
+  }
+
+ private:
+  static constexpr std::size_t chunkSize = 128 * 1024;
+  struct Free {
+    void operator()(char* bytes) const { ::free(bytes); }
+  };
+
+  // Grows by moving pages where the system can, so that a long line is not in memory twice.
+  bool reserve(std::size_t size) {
+    if (size <= capacity_) return true;
+    const std::size_t capacity = std::max(size, 2 * capacity_);
+    auto* grown = static_cast<char*>(::realloc(bytes_.get(), capacity));
+    failed_ = grown == nullptr;
+    if (failed_) return false;
+    static_cast<void>(bytes_.release());
+    bytes_.reset(grown);
+    capacity_ = capacity;
+    return true;
+  }
+
+  int descriptor_;
+  std::size_t position_;
+  std::size_t end_;
+  std::unique_ptr<char, Free> bytes_;
+  std::size_t capacity_ = 0;
+  bool failed_ = false;
+};
+
+// Where the line that `text` begins with ends, looking from `from` on; npos when its end is not in `text`.
+std::size_t lineEnd(std::string_view text, std::size_t from) {
+  std::size_t end = text.find('\n', from);
+  while (end != text.npos && end > 0 && text[end - 1] == '\r')
+    end = text.find('\n', end + 1);
+  return end;
+}
+
+// Where reading begins that is to begin at `offset`.
+std::size_t startOf(const struct stat& attributes, std::int64_t offset) {
+  return offset < 0 || offset > attributes.st_size ? 0 : static_cast<std::size_t>(offset);
+}
+
 }  // namespace
 
 std::optional<std::string> read(const std::string& path) {
-  Descriptor file = openForReading(path);
-  auto attributes = regularFile(file);
+  const Descriptor file = openForReading(path);
+  const auto attributes = regularFile(file);
   return attributes ? contentOf(file, static_cast<std::size_t>(attributes->st_size)) : std::nullopt;
+}
+
+bool forEachLine(const std::string& path, std::int64_t offset,
+                 const std::function<bool(std::string_view line)>& visit) {
+  const Descriptor file = openForReading(path);
+  const auto attributes = regularFile(file);
+  if (!attributes) return false;
+  Chunks chunks(file.get(), startOf(*attributes, offset), static_cast<std::size_t>(attributes->st_size));
+  std::string_view unread;
+  std::size_t searched = 0;  // of `unread`, without finding a line's end
+  for (;;) {
+    const std::size_t end = lineEnd(unread, searched);
+    if (end != unread.npos) {
+      if (!visit(unread.substr(0, end))) return true;
+      unread.remove_prefix(end + 1);
+      searched = 0;
+      continue;
+    }
+    searched = unread.size();
+    unread = chunks.more(unread);
+    if (chunks.failed()) return false;
+    if (unread.size() == searched) break;
+  }
+  visit(unread);
+  return true;
 }
 
 bool exists(const std::string& path) {
@@ -113,7 +194,7 @@ std::error_code write(const std::string& path, std::string_view bytes, unsigned 
   std::string temporary;
   std::error_code error;
   {
-    Descriptor file = createBeside(path, temporary);
+    const Descriptor file = createBeside(path, temporary);
     if (!file.valid()) return lastError();
     if (!writeAll(file.get(), bytes) ||
         (mode != 0600 && ::fchmod(file.get(), static_cast<mode_t>(mode)) != 0))
@@ -122,6 +203,12 @@ std::error_code write(const std::string& path, std::string_view bytes, unsigned 
   if (!error) error = move(temporary, path);
   if (error) ::unlink(temporary.c_str());
   return error;
+}
+
+std::error_code save(const std::string& path, std::string_view bytes) {
+  const std::string next = path + ".tmp";
+  const std::error_code error = write(next, bytes);
+  return error ? error : move(next, path);
 }
 
 std::error_code move(const std::string& from, const std::string& to) {
@@ -150,12 +237,12 @@ std::error_code makeDirectories(const std::string& path) {
     return ::stat(cPath(path), &attributes) == 0 && S_ISDIR(attributes.st_mode);
   };
   if (isDirectory() || ::mkdir(cPath(path), S_IRWXU) == 0) return {};
-  std::error_code error = lastError();
+  const std::error_code error = lastError();
   if (error == std::errc::no_such_file_or_directory) {
     std::string parent = path.substr(0, path.find_last_not_of('/') + 1);
     parent.resize(parent.find_last_of('/') == parent.npos ? 0 : parent.find_last_of('/'));
     if (parent.empty()) return error;
-    if (std::error_code parentError = makeDirectories(parent)) return parentError;
+    if (const std::error_code parentError = makeDirectories(parent)) return parentError;
     return ::mkdir(cPath(path), S_IRWXU) == 0 || errno == EEXIST ? std::error_code() : lastError();
   }
   // Somebody else may have made it meanwhile.
@@ -167,11 +254,11 @@ std::vector<std::string> list(const std::string& directory) {
   DIR* stream = ::opendir(cPath(directory));
   if (!stream) return names;
   while (const dirent* entry = ::readdir(stream)) {
-    std::string_view name = entry->d_name;
+    const std::string_view name = entry->d_name;
     if (name != "." && name != "..") names.emplace_back(name);
   }
   ::closedir(stream);
-  std::sort(names.begin(), names.end());
+  std::ranges::sort(names);
   return names;
 }
 
@@ -185,8 +272,8 @@ std::optional<std::chrono::system_clock::time_point> modified(const std::string&
 #endif
   // The clock ends in the year 2262, a file system's dates do not.
   using Time = std::chrono::system_clock::time_point;
-  auto last = std::chrono::floor<std::chrono::seconds>(Time::max().time_since_epoch()).count();
-  std::chrono::seconds seconds(std::clamp<std::int64_t>(time.tv_sec, -last, last - 1));
+  const auto last = std::chrono::floor<std::chrono::seconds>(Time::max().time_since_epoch()).count();
+  const std::chrono::seconds seconds(std::clamp<std::int64_t>(time.tv_sec, -last, last - 1));
   return Time(seconds) + std::chrono::duration_cast<Time::duration>(std::chrono::nanoseconds(time.tv_nsec));
 }
 

@@ -38,6 +38,10 @@ inline constexpr std::string_view temporaryPrefix = ".quib-";
 // `mode`. Returns the error that prevented it, if any; the old file is then untouched.
 std::error_code write(const std::string& path, std::string_view bytes, unsigned mode = 0600);
 
+// Writes `path` with ".tmp" appended, then moves it to `path`. So a content that cannot be put in place is
+// not lost, as it would be by a `write` to `path` itself: it stays, whole, in the file ".tmp".
+std::error_code save(const std::string& path, std::string_view bytes);
+
 // Renames `from` to `to`, replacing it in one step.
 std::error_code move(const std::string& from, const std::string& to);
 

@@ -24,15 +24,16 @@ void write(Level level, std::string_view category, std::string_view message) {
   os_log_with_type(handle, level == Level::error ? OS_LOG_TYPE_ERROR : OS_LOG_TYPE_DEFAULT, "%{public}s",
                    std::string(message).c_str());
 #else
-  const std::string directory = Paths::inHome(".obrisk/logs");
-  Files::makeDirectories(directory);
+  const auto directory = Paths::inHome(".obrisk/logs");
+  if (!directory) return;
+  Files::makeDirectories(*directory);
   const Json record(Json::Object{{"category", category},
                                  {"level", level == Level::error ? "error" : "default"},
                                  {"message", message},
                                  {"pid", Process::id()},
                                  {"subsystem", "dev.obrisk.setup"},
                                  {"ts", Clock::dateTime()}});
-  Files::append(directory + "/hook.diagnostics.jsonl", record.compact() + "\n");
+  Files::append(*directory + "/hook.diagnostics.jsonl", record.compact() + "\n");
 #endif
 }
 

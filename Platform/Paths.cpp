@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
 #include <vector>
 
 #include "Platform/Files.h"
@@ -41,31 +42,30 @@ std::string_view withoutLastComponent(std::string_view path) {
 std::string resolved(const std::string& path) {
   std::array<char, PATH_MAX> buffer;
   if (path.empty() || !::realpath(path.c_str(), buffer.data())) return path;
-  std::string real = buffer.data();
+  const std::string real = buffer.data();
   return real == "/" ? "" : real;
 }
 
 }  // namespace
 
-std::string inHome(std::string_view place) {
+std::optional<std::string> inHome(std::string_view place) {
   std::string home = Process::home();
-  if (home.empty()) home = std::string(1, '\0');  // no file has a NUL in its name
+  if (home.empty()) return std::nullopt;
   return home.append("/").append(place);
 }
 
 std::string expandTilde(std::string_view path) {
   if (!path.starts_with('~')) return std::string(path);
-  std::size_t end = std::min(path.find('/'), path.size());
-  std::string user(path.substr(1, end - 1));
-  std::optional<std::string> home = user.empty() ? Process::home() : Process::homeOf(user);
+  const std::size_t end = std::min(path.find('/'), path.size());
+  const std::string user(path.substr(1, end - 1));
+  const std::optional<std::string> home = user.empty() ? Process::home() : Process::homeOf(user);
   return home && !home->empty() ? *home + std::string(path.substr(end)) : std::string(path);
 }
 
 std::string expandVariables(std::string path) {
   if (path.find('$') == path.npos) return path;
   auto variables = Process::environment();
-  std::sort(variables.begin(), variables.end(),
-            [](const auto& a, const auto& b) { return a.first.size() > b.first.size(); });
+  std::ranges::sort(variables, std::greater(), [](const auto& variable) { return variable.first.size(); });
   for (const auto& [name, value] : variables) {
     if (name.empty()) continue;
     replaceAll(path, "$" + name, value);
@@ -75,12 +75,12 @@ std::string expandVariables(std::string path) {
 }
 
 std::string standardize(std::string_view given) {
-  std::string path = expandTilde(given);
-  bool absolute = path.starts_with('/');
+  const std::string path = expandTilde(given);
+  const bool absolute = path.starts_with('/');
   std::string out;  // each component with the "/" before it
   for (std::size_t at = 0; at < path.size();) {
-    std::size_t end = std::min(path.find('/', at), path.size());
-    std::string_view component(path.data() + at, end - at);
+    const std::size_t end = std::min(path.find('/', at), path.size());
+    const std::string_view component(path.data() + at, end - at);
     at = end + 1;
     if (component.empty() || component == ".") continue;
     if (component == ".." && absolute) {
@@ -93,7 +93,7 @@ std::string standardize(std::string_view given) {
   if (!absolute) return out.empty() ? out : out.substr(1);
   static constexpr std::string_view privatePrefix = "/private/";
   if (out.starts_with(privatePrefix)) {
-    std::string without = out.substr(privatePrefix.size() - 1);
+    const std::string without = out.substr(privatePrefix.size() - 1);
     if (Files::exists(without)) return without;
   }
   return out.empty() ? "/" : out;
@@ -107,7 +107,7 @@ std::string resolveLinks(const std::string& path) {
 }
 
 std::string_view lastComponent(std::string_view path) {
-  std::size_t end = path.find_last_not_of('/');
+  const std::size_t end = path.find_last_not_of('/');
   if (end == path.npos) return path.substr(0, std::min<std::size_t>(path.size(), 1));
   path = path.substr(0, end + 1);
   return path.substr(path.rfind('/') + 1);

@@ -1,14 +1,14 @@
 // Path texts: expansion, standard form, last component, glob match. Nothing here fails.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
 namespace Paths {
 
-// The path of what lies at `place` below the current user's home directory. When nobody knows that directory,
-// it is a path that no file has, whatever is appended to it.
-std::string inHome(std::string_view place);
+// The path of what lies at `place` below the current user's home directory; absent when that is unknown.
+std::optional<std::string> inHome(std::string_view place);
 
 // A lone leading tilde, or one before "/", stands for the current user's home directory, one before a user
 // name for that user's. An unknown user's tilde stays.

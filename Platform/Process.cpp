@@ -15,6 +15,8 @@
 #include <array>
 #include <cerrno>
 
+#include "Platform/Descriptor.h"
+
 #ifdef __APPLE__
 #include <mach-o/dyld.h>
 #else
@@ -43,29 +45,16 @@ std::string readToEnd(int descriptor) {
   std::size_t filled = 0;
   for (;;) {
     if (filled == input.size()) input.resize(std::max<std::size_t>(2 * filled, 16384));
-    ssize_t count = ::read(descriptor, input.data() + filled, input.size() - filled);
+    const ssize_t count =
+        uninterrupted([&] { return ::read(descriptor, input.data() + filled, input.size() - filled); });
     if (count > 0) {
       filled += static_cast<std::size_t>(count);
     } else if (count < 0 && errno == EAGAIN) {
       pollfd waiting{descriptor, POLLIN, 0};
       ::poll(&waiting, 1, -1);
-    } else if (count == 0 || errno != EINTR) {
+    } else {
       input.resize(filled);
       return input;
-    }
-  }
-}
-
-void writeAll(int descriptor, std::string_view bytes) {
-  while (!bytes.empty()) {
-    ssize_t count = ::write(descriptor, bytes.data(), bytes.size());
-    if (count > 0) {
-      bytes.remove_prefix(static_cast<std::size_t>(count));
-    } else if (count < 0 && errno == EAGAIN) {
-      pollfd waiting{descriptor, POLLOUT, 0};
-      ::poll(&waiting, 1, -1);
-    } else if (count == 0 || errno != EINTR) {
-      return;
     }
   }
 }
@@ -90,15 +79,15 @@ std::optional<std::string> environment(const char* name) {
 std::vector<std::pair<std::string, std::string>> environment() {
   std::vector<std::pair<std::string, std::string>> variables;
   for (char** at = environ; at && *at; ++at) {
-    std::string_view variable = *at;
-    if (std::size_t equals = variable.find('='); equals != variable.npos)
+    const std::string_view variable = *at;
+    if (const std::size_t equals = variable.find('='); equals != variable.npos)
       variables.emplace_back(variable.substr(0, equals), variable.substr(equals + 1));
   }
   return variables;
 }
 
 std::string home() {
-  if (auto value = environment("HOME"); value && !value->empty()) return *value;
+  if (const auto value = environment("HOME"); value && !value->empty()) return *value;
   return homeInDatabase([](auto... arguments) { return ::getpwuid_r(::getuid(), arguments...); })
       .value_or("");
 }
@@ -130,7 +119,7 @@ void prepare() {
   ::unsetenv("SIMDJSON_FORCE_IMPLEMENTATION");
   ::signal(SIGPIPE, SIG_IGN);
   ::signal(SIGXFSZ, SIG_IGN);
-  rlimit none{0, 0};
+  const rlimit none{0, 0};
   ::setrlimit(RLIMIT_CORE, &none);
 #ifndef __APPLE__
   // A core pattern that is a pipe disregards the limit.
@@ -172,15 +161,14 @@ std::optional<std::string> run(const std::string& path, const std::vector<std::s
   ::posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
   ::posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
   pid_t child = 0;
-  int failure = ::posix_spawn(&child, path.c_str(), &actions, nullptr, argv.data(), environ);
+  const int failure = ::posix_spawn(&child, path.c_str(), &actions, nullptr, argv.data(), environ);
   ::posix_spawn_file_actions_destroy(&actions);
   ::close(ends[1]);
 
   std::optional<std::string> output;
   if (failure == 0) {
     output = readToEnd(ends[0]);
-    while (::waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
-    }
+    uninterrupted([&] { return ::waitpid(child, nullptr, 0); });
   }
   ::close(ends[0]);
   return output;

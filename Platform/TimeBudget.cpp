@@ -7,7 +7,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
+
+#include "Platform/Descriptor.h"
 
 namespace {
 
@@ -81,12 +82,10 @@ std::optional<bool> TimeBudget::ask(const Question& question) {
     return question();
   }
   char answer = unanswered;
-  while (::read(ends[0], &answer, 1) < 0 && errno == EINTR) {
-  }
+  uninterrupted([&] { return ::read(ends[0], &answer, 1); });
   ::close(ends[0]);
   int status = 0;
-  while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
+  uninterrupted([&] { return ::waitpid(child, &status, 0); });
   // Its clock may be a little ahead of ours.
   if (WIFSIGNALED(status) && WTERMSIG(status) == SIGPROF) *this = TimeBudget(std::chrono::milliseconds(0));
   if (answer == unanswered) return std::nullopt;

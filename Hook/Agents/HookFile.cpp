@@ -15,8 +15,9 @@ constexpr std::string_view notRegular = "it is not a regular file";
 constexpr int maxLinks = 40;
 constexpr int maxBackups = 100;
 
+// Empty, which no file's path is, when there is no home directory.
 std::string path(const File& file) {
-  return Paths::inHome(file.place);
+  return Paths::inHome(file.place).value_or("");
 }
 
 // Where the file really is, also when the last link of a chain leads to a file that is yet to be created; a

@@ -18,9 +18,10 @@ void record(const std::string& method, const std::string& url, int status, std::
   if (!summary.empty()) entry.set("summary", summary);
   if (error && !error->empty()) entry.set("error", *error);
 
-  const std::string directory = Paths::inHome(".obrisk/logs");
-  Files::makeDirectories(directory);
-  Files::append(directory + "/hook.activity.jsonl", Json(std::move(entry)).compact() + "\n");
+  const auto directory = Paths::inHome(".obrisk/logs");
+  if (!directory) return;
+  Files::makeDirectories(*directory);
+  Files::append(*directory + "/hook.activity.jsonl", Json(std::move(entry)).compact() + "\n");
 }
 
 }  // namespace ActivityLog

@@ -90,7 +90,8 @@ std::string failDefault(const std::string& fromProfile) {
 
 ObriskHookConfig::Profiles ObriskHookConfig::parseConfigFile() {
   Profiles profiles;
-  const auto content = Files::read(Paths::inHome(".obrisk/config"));
+  const auto path = Paths::inHome(".obrisk/config");
+  const auto content = path ? Files::read(*path) : std::nullopt;
   if (!content || !Utf8::isValid(*content)) return profiles;
   std::map<std::string, std::string>* section = nullptr;
   for (std::string_view rest = *content; !rest.empty();) {

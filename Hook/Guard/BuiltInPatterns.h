@@ -9,7 +9,7 @@
 namespace BuiltIn {
 
 // clang-format off
-inline constexpr std::array blockedCommands{
+inline constexpr std::array defaultBlockedCommands{
     GuardPattern{R"(rm\s+(-[a-zA-Z]*f[a-zA-Z]*\s+(-[a-zA-Z]*r|--recursive)|(-[a-zA-Z]*r[a-zA-Z]*\s+(-[a-zA-Z]*f|--force))|--force\s+--recursive|--recursive\s+--force)\s+(/\s|/\s*$|~/|~\s|/\s*\*|\$HOME))", {"rm ", " -"}},
     GuardPattern{R"(rm\s+-rf\s+/\s*$)", {"rm ", " -rf ", " /"}},
     GuardPattern{R"(rm\s+-rf\s+~/)", {"rm ", " -rf ", " ~/"}},
@@ -29,7 +29,7 @@ inline constexpr std::array blockedCommands{
     GuardPattern{R"(curl\s+[^|]*\|\s*sudo\s+(ba)?sh)", {"curl ", "|", "sudo "}},
 };
 
-inline constexpr std::array warnCommands{
+inline constexpr std::array defaultWarnCommands{
     GuardPattern{R"(rm\s+-rf\b)", {"rm ", " -rf"}},
     GuardPattern{R"(rm\s+-r\s+-f\b)", {"rm ", " -r ", " -f"}},
     GuardPattern{R"(rm\s+-fr\b)", {"rm ", " -fr"}},
@@ -44,7 +44,7 @@ inline constexpr std::array warnCommands{
     GuardPattern{R"(DELETE\s+FROM\s+\w+\s*;?\s*$)", {"delete ", " from "}},
 };
 
-inline constexpr auto protectedFiles = std::to_array<std::string_view>({
+inline constexpr auto defaultProtectedFiles = std::to_array<std::string_view>({
     ".env",
     ".env.*",
     ".env.local",
@@ -71,7 +71,7 @@ inline constexpr auto protectedFiles = std::to_array<std::string_view>({
     "**/.pypirc",
 });
 
-inline constexpr auto warnFiles = std::to_array<std::string_view>({
+inline constexpr auto defaultWarnFiles = std::to_array<std::string_view>({
     "*.lock",
     "*lock.json",
     "*lock.yaml",
@@ -79,7 +79,7 @@ inline constexpr auto warnFiles = std::to_array<std::string_view>({
     ".dockerignore",
 });
 
-inline constexpr auto protectedBranches = std::to_array<std::string_view>({
+inline constexpr auto defaultProtectedBranches = std::to_array<std::string_view>({
     "main",
     "master",
     "develop",
@@ -87,7 +87,7 @@ inline constexpr auto protectedBranches = std::to_array<std::string_view>({
     "production",
 });
 
-inline constexpr auto infraFiles = std::to_array<std::string_view>({
+inline constexpr auto defaultInfraFiles = std::to_array<std::string_view>({
     "Dockerfile",
     "Dockerfile.*",
     "docker-compose*.yml",

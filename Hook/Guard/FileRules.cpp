@@ -4,7 +4,6 @@
 #include "Hook/Guard/RuleEvaluator.h"
 #include "Hook/Guard/RuleSupport.h"
 #include "Platform/Paths.h"
-#include "Platform/Regex.h"
 #include "Platform/Text.h"
 
 namespace RuleEvaluator {
@@ -42,17 +41,29 @@ std::string_view surePart(std::string_view glob) {
   return longest;
 }
 
-bool matchesConverted(const std::string& glob, const std::string& path, TimeBudget& budget) {
+bool matchesConverted(const std::string& glob, std::string_view path, const RegexSubject& subject,
+                      TimeBudget& budget) {
   const std::string_view part = surePart(glob);
   if (!part.empty() && !Text::contains(path, part)) return false;
-  return Regex::search(convertedGlob(glob), Regex::Case::significant, RegexSubject(path), budget)
-      .value_or(true);
+  return Regex::search(convertedGlob(glob), Regex::Case::significant, subject, budget).value_or(true);
 }
 
-std::optional<Verdict> objection(Verdict::Action action, const char* what, const std::string& filePath,
-                                 const std::optional<std::string>& pattern, const char* rule) {
+bool matches(const std::string& pattern, const FileSubject& file, TimeBudget& budget) {
+  if (fnmatchWrap(pattern, file.name, budget) || fnmatchWrap(pattern, file.normalized, budget) ||
+      fnmatchWrap(pattern, file.filePath, budget))
+    return true;
+  if (pattern.find("**") == pattern.npos) return false;
+  return matchesConverted(pattern, file.normalized, file.normalizedSubject, budget) ||
+         matchesConverted(pattern, file.filePath, file.filePathSubject, budget);
+}
+
+std::optional<Verdict> objection(Verdict::Action action, const char* what, const FileSubject& file,
+                                 const std::vector<std::string>& patterns, const char* rule,
+                                 TimeBudget& budget) {
+  if (file.filePath.empty()) return std::nullopt;
+  const auto pattern = matchedFilePattern(file, patterns, budget);
   if (!pattern) return std::nullopt;
-  return Verdict{action, what + filePath + " (matched: " + *pattern + ")", rule};
+  return Verdict{action, what + file.filePath + " (matched: " + *pattern + ")", rule};
 }
 
 }  // namespace
@@ -63,53 +74,45 @@ std::string normalizePath(const std::string& path, const std::string& cwd) {
   return Paths::standardize(expanded);
 }
 
-std::optional<std::string> matchedFilePattern(const std::string& filePath,
-                                              const std::vector<std::string>& patterns,
-                                              const std::string& cwd, TimeBudget& budget) {
-  const std::string normalized = normalizePath(filePath, cwd);
-  const std::string name(Paths::lastComponent(normalized));
-  const auto matches = [&](const std::string& pattern) {
-    if (fnmatchWrap(pattern, name, budget) || fnmatchWrap(pattern, normalized, budget) ||
-        fnmatchWrap(pattern, filePath, budget)) {
-      return true;
-    }
-    return pattern.find("**") != pattern.npos &&
-           (matchesConverted(pattern, normalized, budget) || matchesConverted(pattern, filePath, budget));
-  };
-  for (const std::string& pattern : patterns) {
-    if (matches(pattern)) return pattern;
-  }
-  return std::nullopt;
+FileSubject::FileSubject(const std::string& path, const std::string& directory)
+    : filePath(path),
+      cwd(directory),
+      normalized(normalizePath(path, directory)),
+      name(Paths::lastComponent(normalized)),
+      filePathSubject(path),
+      normalizedSubject(normalized) {}
+
+std::optional<std::string> matchedFilePattern(const FileSubject& file,
+                                              const std::vector<std::string>& patterns, TimeBudget& budget) {
+  const auto found = std::ranges::find_if(
+      patterns, [&](const std::string& pattern) { return matches(pattern, file, budget); });
+  return found == patterns.end() ? std::nullopt : std::optional(*found);
 }
 
-std::optional<Verdict> checkFileWrite(const std::string& filePath, const GuardConfig& config,
-                                      const std::string& cwd, TimeBudget& budget) {
+std::optional<Verdict> checkFileWrite(const FileSubject& file, const GuardConfig& config,
+                                      TimeBudget& budget) {
   static constexpr const char* rule = "file_protection";
-  if (filePath.empty()) return std::nullopt;
-  auto verdict = objection(Verdict::Action::block, "Write to protected file blocked: ", filePath,
-                           matchedFilePattern(filePath, config.protected_file_patterns, cwd, budget), rule);
+  const auto verdict = objection(Verdict::Action::block, "Write to protected file blocked: ", file,
+                                 config.protected_file_patterns, rule, budget);
   if (verdict) return verdict;
-  return objection(Verdict::Action::warn, "Write to sensitive file: ", filePath,
-                   matchedFilePattern(filePath, config.warn_file_patterns, cwd, budget), rule);
+  return objection(Verdict::Action::warn, "Write to sensitive file: ", file, config.warn_file_patterns, rule,
+                   budget);
 }
 
-std::optional<Verdict> checkInfraFile(const std::string& filePath, const GuardConfig& config,
-                                      const std::string& cwd, TimeBudget& budget) {
-  if (filePath.empty()) return std::nullopt;
-  return objection(Verdict::Action::warn, "Write to infrastructure file: ", filePath,
-                   matchedFilePattern(filePath, config.infra_file_patterns, cwd, budget), "infra_protection");
+std::optional<Verdict> checkInfraFile(const FileSubject& file, const GuardConfig& config,
+                                      TimeBudget& budget) {
+  return objection(Verdict::Action::warn, "Write to infrastructure file: ", file, config.infra_file_patterns,
+                   "infra_protection", budget);
 }
 
-std::optional<Verdict> checkPathBoundary(const std::string& filePath, const std::string& cwd, bool readOnly) {
-  if (readOnly || filePath.empty() || cwd.empty()) return std::nullopt;
-  const std::string resolved = normalizePath(filePath, cwd);
-  const std::string root = Paths::standardize(cwd);
-  for (const std::string_view directory : openDirectories) {
-    if (resolved.starts_with(directory)) return std::nullopt;
-  }
-  if (resolved == root || resolved.starts_with(root + "/")) return std::nullopt;
+std::optional<Verdict> checkPathBoundary(const FileSubject& file, bool readOnly) {
+  if (readOnly || file.filePath.empty() || file.cwd.empty()) return std::nullopt;
+  const auto isWithin = [&](std::string_view directory) { return file.normalized.starts_with(directory); };
+  const std::string root = Paths::standardize(file.cwd);
+  if (std::ranges::any_of(openDirectories, isWithin) || file.normalized == root || isWithin(root + "/"))
+    return std::nullopt;
   return Verdict{Verdict::Action::block,
-                 "Write outside project directory blocked: " + filePath + " (cwd: " + cwd + ")",
+                 "Write outside project directory blocked: " + file.filePath + " (cwd: " + file.cwd + ")",
                  "path_boundary"};
 }
 

@@ -31,12 +31,12 @@ std::vector<std::string> expressions(const auto& patterns) {
 GuardConfig makeDefaults() {
   const auto texts = [](const auto& list) { return std::vector<std::string>(list.begin(), list.end()); };
   GuardConfig config;
-  config.blocked_command_patterns = expressions(BuiltIn::blockedCommands);
-  config.warn_command_patterns = expressions(BuiltIn::warnCommands);
-  config.protected_file_patterns = texts(BuiltIn::protectedFiles);
-  config.warn_file_patterns = texts(BuiltIn::warnFiles);
-  config.git_protected_branches = texts(BuiltIn::protectedBranches);
-  config.infra_file_patterns = texts(BuiltIn::infraFiles);
+  config.blocked_command_patterns = expressions(BuiltIn::defaultBlockedCommands);
+  config.warn_command_patterns = expressions(BuiltIn::defaultWarnCommands);
+  config.protected_file_patterns = texts(BuiltIn::defaultProtectedFiles);
+  config.warn_file_patterns = texts(BuiltIn::defaultWarnFiles);
+  config.git_protected_branches = texts(BuiltIn::defaultProtectedBranches);
+  config.infra_file_patterns = texts(BuiltIn::defaultInfraFiles);
   return config;
 }
 

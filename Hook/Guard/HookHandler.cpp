@@ -1,6 +1,7 @@
 #include "Hook/Guard/HookHandler.h"
 
 #include <optional>
+#include <utility>
 
 #include "Platform/Files.h"
 #include "Platform/Json/Json.h"
@@ -9,8 +10,8 @@
 namespace HookHandler {
 namespace {
 
-std::optional<Json::Object> readObject(const std::string& path) {
-  const std::optional<std::string> text = Files::read(path);
+std::optional<Json::Object> readObject(const std::optional<std::string>& path) {
+  const auto text = path ? Files::read(*path) : std::nullopt;
   return text ? Json::parseObject(*text) : std::nullopt;
 }
 
@@ -20,13 +21,12 @@ GuardConfig applyOverrides(GuardConfig config, const Json::Object& overrides) {
 }
 
 // What the control plane has laid down on this machine.
-GuardConfig controlPlaneLayer(const std::string& userDirectory) {
-  if (const auto file = readObject(userDirectory + "/guard-effective.json")) {
-    if (const Json::Object& effective = file->object("effective"); !effective.empty()) {
-      return GuardConfig::fromDict(effective);
-    }
+GuardConfig controlPlaneLayer() {
+  if (const auto file = readObject(Paths::inHome(".obrisk/guard-effective.json"))) {
+    const Json::Object& effective = file->object("effective");
+    if (!effective.empty()) return GuardConfig::fromDict(effective);
   }
-  const auto policy = readObject(userDirectory + "/policy.json");
+  const auto policy = readObject(Paths::inHome(".obrisk/policy.json"));
   if (!policy) return GuardConfig::defaults();
   const Json* config = policy->find("config");
   const bool isObject = config != nullptr && config->asObject() != nullptr;
@@ -41,12 +41,9 @@ std::optional<std::string> projectGuardPath(const std::string& cwd) {
 }  // namespace
 
 GuardConfig loadEffectiveConfig(const std::string& cwd) {
-  const std::string userDirectory = Paths::inHome(".obrisk");
-  GuardConfig config = controlPlaneLayer(userDirectory);
-  if (const auto user = readObject(userDirectory + "/guard.json")) config = applyOverrides(config, *user);
-  if (const auto path = projectGuardPath(cwd)) {
-    if (const auto project = readObject(*path)) config = applyOverrides(config, *project);
-  }
+  GuardConfig config = controlPlaneLayer();
+  for (const auto& path : {Paths::inHome(".obrisk/guard.json"), projectGuardPath(cwd)})
+    if (const auto overrides = readObject(path)) config = applyOverrides(std::move(config), *overrides);
   return config;
 }
 

@@ -9,17 +9,11 @@ std::optional<Verdict> checkCommand(const std::string& command, const GuardConfi
   return verdict ? verdict : checkGitOperation(command, config, budget);
 }
 
-std::optional<Verdict> checkWrite(const std::string& filePath, const GuardConfig& config,
-                                  const std::string& cwd, TimeBudget& budget) {
-  auto verdict = checkFileWrite(filePath, config, cwd, budget);
-  if (!verdict) verdict = checkInfraFile(filePath, config, cwd, budget);
-  if (!verdict && config.path_boundary_enabled) verdict = checkPathBoundary(filePath, cwd, false);
+std::optional<Verdict> checkWrite(const FileSubject& file, const GuardConfig& config, TimeBudget& budget) {
+  auto verdict = checkFileWrite(file, config, budget);
+  if (!verdict) verdict = checkInfraFile(file, config, budget);
+  if (!verdict && config.path_boundary_enabled) verdict = checkPathBoundary(file, false);
   return verdict;
-}
-
-std::optional<Verdict> checkRead(const std::string& filePath, const GuardConfig& config,
-                                 const std::string& cwd) {
-  return config.path_boundary_enabled ? checkPathBoundary(filePath, cwd, true) : std::nullopt;
 }
 
 }  // namespace
@@ -31,9 +25,10 @@ Verdict checkToolUse(const std::string& toolName, const Json::Object& toolInput,
   if (toolName == "Bash") {
     verdict = checkCommand(toolInput.text("command"), config, budget);
   } else if (toolName == "Write" || toolName == "Edit") {
-    verdict = checkWrite(toolInput.text("file_path"), config, cwd, budget);
+    verdict = checkWrite(FileSubject(toolInput.text("file_path"), cwd), config, budget);
   } else if (toolName == "Read") {
-    verdict = checkRead(toolInput.text("file_path"), config, cwd);
+    if (config.path_boundary_enabled)
+      verdict = checkPathBoundary(FileSubject(toolInput.text("file_path"), cwd), true);
   } else if (toolName == "WebFetch") {
     verdict = checkNetworkAccess(toolInput.text("url"), config, budget);
   }

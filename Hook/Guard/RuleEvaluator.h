@@ -16,6 +16,7 @@
 
 #include "Hook/Guard/GuardConfig.h"
 #include "Platform/Json/Json.h"
+#include "Platform/Regex.h"
 #include "Platform/TimeBudget.h"
 
 namespace RuleEvaluator {
@@ -34,16 +35,26 @@ std::optional<Verdict> checkBashCommand(const std::string& command, const GuardC
 std::optional<Verdict> checkGitOperation(const std::string& command, const GuardConfig& config,
                                          TimeBudget& budget);
 
+// The file that a tool call names, in the forms that patterns are tried on.
+struct FileSubject {
+  FileSubject(const std::string& path, const std::string& directory);
+
+  const std::string filePath;  // as it arrives
+  const std::string cwd;
+  const std::string normalized;  // normalizePath
+  const std::string name;        // its last component
+  const RegexSubject filePathSubject;
+  const RegexSubject normalizedSubject;
+};
+
 // A write to a protected (block) or sensitive (warn) file.
-std::optional<Verdict> checkFileWrite(const std::string& filePath, const GuardConfig& config,
-                                      const std::string& cwd, TimeBudget& budget);
+std::optional<Verdict> checkFileWrite(const FileSubject& file, const GuardConfig& config, TimeBudget& budget);
 
 // A write to a file that describes infrastructure.
-std::optional<Verdict> checkInfraFile(const std::string& filePath, const GuardConfig& config,
-                                      const std::string& cwd, TimeBudget& budget);
+std::optional<Verdict> checkInfraFile(const FileSubject& file, const GuardConfig& config, TimeBudget& budget);
 
 // A write outside the project directory and the temporary ones. Reading is never objected to.
-std::optional<Verdict> checkPathBoundary(const std::string& filePath, const std::string& cwd, bool readOnly);
+std::optional<Verdict> checkPathBoundary(const FileSubject& file, bool readOnly);
 
 // A fetch of an internal address or a blocked domain.
 std::optional<Verdict> checkNetworkAccess(const std::string& url, const GuardConfig& config,
@@ -53,10 +64,9 @@ std::optional<Verdict> checkNetworkAccess(const std::string& url, const GuardCon
 // in standard form.
 std::string normalizePath(const std::string& path, const std::string& cwd);
 
-// The first of `patterns` that matches the file's name, its normalised path or `filePath` as it stands: as a
+// The first of `patterns` that matches the file's name, its normalised path or its path as it arrives: as a
 // glob, or, where it contains "**", as the regular expression that its stars stand for.
-std::optional<std::string> matchedFilePattern(const std::string& filePath,
-                                              const std::vector<std::string>& patterns,
-                                              const std::string& cwd, TimeBudget& budget);
+std::optional<std::string> matchedFilePattern(const FileSubject& file,
+                                              const std::vector<std::string>& patterns, TimeBudget& budget);
 
 }  // namespace RuleEvaluator

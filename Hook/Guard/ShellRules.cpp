@@ -11,8 +11,9 @@ namespace {
 
 // A configured expression, with the parts of the built-in one of the same text where there is one.
 GuardPattern withKnownParts(std::string_view expression) {
-  for (const std::span<const GuardPattern> list : {std::span<const GuardPattern>(BuiltIn::blockedCommands),
-                                                   std::span<const GuardPattern>(BuiltIn::warnCommands)}) {
+  for (const std::span<const GuardPattern> list :
+       {std::span<const GuardPattern>(BuiltIn::defaultBlockedCommands),
+        std::span<const GuardPattern>(BuiltIn::defaultWarnCommands)}) {
     const auto row = std::ranges::find(list, expression, &GuardPattern::expression);
     if (row != list.end()) return *row;
   }

@@ -21,7 +21,7 @@ Outcome handleSubagentStop(const Json::Object& data, const ObserveClient& client
   if (!session) return Allow{};
   const std::string& agentID = data.text("agent_id");
   const std::string& agentType = data.text("agent_type");
-  const Json pending = session->state.pending_subagent_spans.take(agentID).value_or(nullptr);
+  const AnyCodable pending = session->state.pending_subagent_spans.take(agentID).value_or(nullptr);
   const Json::Object started = pending.asObject() ? *pending.asObject() : Json::Object();
   const auto recordedStart = started.optionalText("start_time");
   const std::string startTime = recordedStart ? *recordedStart : Clock::dateTime();

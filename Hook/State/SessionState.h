@@ -10,6 +10,9 @@
 
 #include "Platform/Json/Json.h"
 
+// A free value: the record keeps it whatever it is.
+using AnyCodable = Json;
+
 struct SessionState {
   std::string session_id;         // the agent's identifier, and the state file's name
   std::string run_id;             // control-plane run; empty: not started
@@ -20,7 +23,7 @@ struct SessionState {
   std::string model;              // may be empty
   std::int64_t span_count = 0;    // position of the next step
   bool is_cowork = false;
-  Json::Object pending_subagent_spans;        // agent id to what was recorded at its start
+  Json::Object pending_subagent_spans;        // agent id to an AnyCodable, recorded at its start
   std::vector<std::string> modified_files;    // as the agent gave them, first modification first, distinct
   std::vector<std::string> recorded_llm_ids;  // carried through, never changed
   bool is_daily_session = false;              // run_id is shared by the agent's sessions of one day

@@ -38,7 +38,7 @@ std::string projectKey() {
 std::string scopedStateDir() {
   std::string base = Process::environment("OBRISK_CC_STATE_DIR").value_or("");
   if (base.empty()) base = "/tmp/obrisk-cc";
-  std::string key = projectKey();
+  const std::string key = projectKey();
   return key.empty() ? base : base + "/proj-" + key;
 }
 
@@ -49,11 +49,9 @@ std::optional<SessionState> load(const std::string& sessionID) {
 }
 
 std::error_code save(const SessionState& state) {
-  std::string target = stateFile(state.session_id);
-  std::string next = target + ".tmp";
+  const std::string target = stateFile(state.session_id);
   std::error_code error = Files::makeDirectories(scopedStateDir());
-  if (!error) error = Files::write(next, Json(state.toJSON()).compact());
-  if (!error) error = Files::move(next, target);
+  if (!error) error = Files::save(target, Json(state.toJSON()).compact());
   // Another process of the session may have moved the file into place first; its record or ours is there
   // then.
   if (error && error != std::errc::no_such_file_or_directory)
@@ -67,12 +65,12 @@ void remove(const std::string& sessionID) {
 
 int cleanupStale() {
   int count = 0;
-  std::string directory = scopedStateDir();
-  auto cutoff = Clock::now() - staleAfter;
+  const std::string directory = scopedStateDir();
+  const auto cutoff = Clock::now() - staleAfter;
   for (const std::string& name : Files::list(directory)) {
     if (!isStateFile(name) && !name.starts_with(Files::temporaryPrefix)) continue;
-    std::string path = directory + "/" + name;
-    auto modified = Files::modified(path);
+    const std::string path = directory + "/" + name;
+    const auto modified = Files::modified(path);
     if (!modified || *modified >= cutoff) continue;
     Files::remove(path);
     count += isStateFile(name);
@@ -82,7 +80,7 @@ int cleanupStale() {
 
 std::optional<SessionState> findCoworkPeer(const std::string& cwd, const std::string& excludeSessionID) {
   if (cwd.empty()) return std::nullopt;
-  std::string directory = scopedStateDir();
+  const std::string directory = scopedStateDir();
   JsonReader reader;
   for (const std::string& name : Files::list(directory)) {
     if (!isStateFile(name) || name.substr(0, name.size() - extension.size()) == excludeSessionID) continue;

@@ -9,37 +9,24 @@
 
 namespace LLMCallDedupe {
 
-namespace {
-
-std::string directory() {
-  std::string base = Paths::inHome(".obrisk/cc-dedupe");
+std::optional<std::string> path(const std::string& runID) {
   const std::string key = SessionStore::projectKey();
-  return key.empty() ? base : base + "/" + key;
-}
-
-}  // namespace
-
-std::string path(const std::string& runID) {
-  return directory() + "/" + runID + ".json";
+  return Paths::inHome(".obrisk/cc-dedupe/" + (key.empty() ? "" : key + "/") + runID + ".json");
 }
 
 std::set<std::string> load(const std::string& runID) {
-  if (runID.empty()) return {};
-  auto content = Files::read(path(runID));
-  auto json = content ? Json::parse(*content) : std::nullopt;
-  auto ids = json ? json->asTexts() : std::nullopt;
+  const auto file = runID.empty() ? std::nullopt : path(runID);
+  const auto content = file ? Files::read(*file) : std::nullopt;
+  const auto json = content ? Json::parse(*content) : std::nullopt;
+  const auto ids = json ? json->asTexts() : std::nullopt;
   return ids ? std::set<std::string>(ids->begin(), ids->end()) : std::set<std::string>();
 }
 
 void save(const std::string& runID, const std::set<std::string>& ids) {
-  if (runID.empty()) return;
-  std::string file = path(runID);
-  std::string temporary = file + ".tmp";
-  Files::makeDirectories(file.substr(0, file.rfind('/')));
-  std::string bytes = Json(std::vector<std::string>(ids.begin(), ids.end())).compact();
-  if (Files::write(temporary, bytes)) return;
-  // The move takes the old file away in the same step, so that a kill in between loses no ids.
-  Files::move(temporary, file);
+  const auto file = runID.empty() ? std::nullopt : path(runID);
+  if (!file) return;
+  Files::makeDirectories(file->substr(0, file->rfind('/')));
+  Files::save(*file, Json(std::vector<std::string>(ids.begin(), ids.end())).compact());
 }
 
 }  // namespace LLMCallDedupe

@@ -5,14 +5,15 @@
 // fails leaves the file as it was. Of two processes that save at the same time the last one wins.
 #pragma once
 
+#include <optional>
 #include <set>
 #include <string>
 
 namespace LLMCallDedupe {
 
 // Where the ids of `runID` are kept: under `~/.obrisk/cc-dedupe`, in a directory of its own when
-// OBRISK_PROJECT_KEY names a project.
-std::string path(const std::string& runID);
+// OBRISK_PROJECT_KEY names a project. Absent when there is no home directory.
+std::optional<std::string> path(const std::string& runID);
 
 // The recorded ids; empty for the empty run id.
 std::set<std::string> load(const std::string& runID);

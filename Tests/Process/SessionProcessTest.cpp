@@ -138,7 +138,7 @@ TEST_F(SessionProcess, OfAnAgentWithoutASlug) {
                   "start; steps hook:session_start@0; llm-calls 10 20 30; steps hook:stop@1; complete; "},
                  {"the end", event("SessionEnd"), ""}});
   EXPECT_EQ(Sandbox::tree(sandbox.home() + "/.obrisk/cc-dedupe"), (Lines{"run-1.json", "run-2.json"}));
-  EXPECT_EQ(contentOf(LLMCallDedupe::path("run-2")), R"(["m10","m20","m30"])");
+  EXPECT_EQ(contentOf(LLMCallDedupe::path("run-2").value()), R"(["m10","m20","m30"])");
   EXPECT_FALSE(Files::exists(sandbox.diagnostics()));
 }
 

@@ -21,8 +21,8 @@ const std::vector<GuardPattern>& allPatterns() {
         BuiltIn::gitBranchDelete, BuiltIn::gitRebase,
     };
     const auto add = [&](const auto& list) { all.insert(all.end(), list.begin(), list.end()); };
-    add(BuiltIn::blockedCommands);
-    add(BuiltIn::warnCommands);
+    add(BuiltIn::defaultBlockedCommands);
+    add(BuiltIn::defaultWarnCommands);
     add(BuiltIn::internalURLPatterns);
     return all;
   }();

@@ -13,11 +13,11 @@ namespace {
 
 std::string fileWrite(const std::string& path, const GuardConfig& config = GuardConfig::defaults()) {
   TimeBudget budget;
-  return described(RuleEvaluator::checkFileWrite(path, config, "/proj", budget));
+  return described(RuleEvaluator::checkFileWrite({path, "/proj"}, config, budget));
 }
 std::string infraFile(const std::string& path) {
   TimeBudget budget;
-  return described(RuleEvaluator::checkInfraFile(path, GuardConfig::defaults(), "/proj", budget));
+  return described(RuleEvaluator::checkInfraFile({path, "/proj"}, GuardConfig::defaults(), budget));
 }
 
 TEST(FileRules, NormalisesPaths) {
@@ -97,7 +97,7 @@ TEST(FileRules, FindsTheFirstPatternThatMatches) {
   };
   for (const Row& row : rows) {
     TimeBudget budget;
-    const auto found = RuleEvaluator::matchedFilePattern(row.path, row.patterns, row.cwd, budget);
+    const auto found = RuleEvaluator::matchedFilePattern({row.path, row.cwd}, row.patterns, budget);
     EXPECT_EQ(found.value_or(""), row.expected) << row.sentence;
   }
 }
@@ -156,7 +156,7 @@ TEST(FileRules, ObjectsToAPathThatCannotBeComparedInTime) {
   TimeBudget budget(100ms);
   const auto start = std::chrono::steady_clock::now();
   const auto verdict =
-      RuleEvaluator::checkFileWrite("/" + std::string(1'000'000, 'a'), config, "/proj", budget);
+      RuleEvaluator::checkFileWrite({"/" + std::string(1'000'000, 'a'), "/proj"}, config, budget);
   EXPECT_TRUE(verdict && verdict->action == Verdict::Action::block);
   EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
 }
@@ -217,10 +217,10 @@ TEST(FileRules, KeepsWritesWithinTheProject) {
   for (const Row& row : rows) {
     const std::string refused = "block path_boundary: Write outside project directory blocked: " + row.path +
                                 " (cwd: " + row.cwd + ")";
-    EXPECT_EQ(described(RuleEvaluator::checkPathBoundary(row.path, row.cwd, false)),
+    EXPECT_EQ(described(RuleEvaluator::checkPathBoundary({row.path, row.cwd}, false)),
               row.passes ? "none" : refused)
         << row.sentence;
-    EXPECT_EQ(RuleEvaluator::checkPathBoundary(row.path, row.cwd, true), std::nullopt) << row.sentence;
+    EXPECT_EQ(RuleEvaluator::checkPathBoundary({row.path, row.cwd}, true), std::nullopt) << row.sentence;
   }
 }
 

@@ -47,10 +47,10 @@ TEST(LLMCallDedupe, HasADirectoryForEachProject) {
 
 TEST(LLMCallDedupe, KnowsNothingOfTheEmptyRun) {
   Sandbox sandbox;
-  sandbox.write(LLMCallDedupe::path(""), R"(["a"])");
+  sandbox.write(LLMCallDedupe::path("").value(), R"(["a"])");
   EXPECT_EQ(LLMCallDedupe::load(""), Ids());
   LLMCallDedupe::save("", {"b"});
-  EXPECT_EQ(contentOf(LLMCallDedupe::path("")), R"(["a"])");
+  EXPECT_EQ(contentOf(LLMCallDedupe::path("").value()), R"(["a"])");
 }
 
 TEST(LLMCallDedupe, ReadsADamagedFileAsNoIds) {
@@ -60,14 +60,14 @@ TEST(LLMCallDedupe, ReadsADamagedFileAsNoIds) {
       {R"("a")", {}}, {"[\"\xFF\"]", {}}, {"[]", {}},      {R"(["b","a","b"])", {"a", "b"}},
   };
   for (const auto& [content, ids] : rows) {
-    sandbox.write(LLMCallDedupe::path("r"), content);
+    sandbox.write(LLMCallDedupe::path("r").value(), content);
     EXPECT_EQ(LLMCallDedupe::load("r"), ids) << content;
   }
 }
 
 TEST(LLMCallDedupe, LeavesTheFileAsItWasWhenItCannotBeReplaced) {
   Sandbox sandbox;
-  const std::string path = LLMCallDedupe::path("r");
+  const std::string path = LLMCallDedupe::path("r").value();
   LLMCallDedupe::save("r", {"a"});
   fs::create_directories(path + ".tmp/full");
   LLMCallDedupe::save("r", {"a", "b"});
