@@ -23,7 +23,7 @@ ObserveClient clientOf(const FakeControlPlane& plane) {
   ObserveClient client;
   client.config = {
       .apiUrl = plane.url(), .apiKey = "key", .agentSlug = "slug", .policyCheckFailDefault = "deny"};
-  client.timeout = 2s;
+  client.timeout.idle = 2s;
   client.maxAttempts = 1;
   return client;
 }
@@ -31,7 +31,7 @@ ObserveClient clientOf(const FakeControlPlane& plane) {
 void askForIdentity(const FuzzHome& home, const FakeControlPlane& plane) {
   const std::string file = home.home() + "/identity.json";
   FuzzHome::write(file, R"({"device_token":"t","tenant_slug":"t","api_url":")" + plane.url() + "\"}");
-  const auto identity = DeviceIdentity::resolve("claude", file, {2s, 3s});
+  const auto identity = DeviceIdentity::resolve("claude", file);
   require(!identity || !identity->uploadKey.empty(), "an identity has a key");
 }
 

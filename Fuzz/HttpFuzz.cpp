@@ -26,7 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   reply.raw = std::string(reinterpret_cast<const char*>(data), size);
   reply.closeAfter = true;
   plane->next({reply});
-  const Http::Response response = Http::exchange({"POST", plane->url(), {}, "{}"}, 2s, 3s);
+  const Http::Response response = Http::exchange({"POST", plane->url(), {}, "{}"}, {2s, 3s});
   if (response.status == 0) {
     require(response.body.empty(), "there is no body without a status");
     require(response.error.has_value(), "an answer that ends in time is no timeout");

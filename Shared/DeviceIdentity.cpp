@@ -1,13 +1,12 @@
 #include "Shared/DeviceIdentity.h"
 
 #include "Platform/Files.h"
-#include "Platform/Http/Http.h"
 #include "Platform/Http/Url.h"
 #include "Platform/Json/Json.h"
 
 namespace DeviceIdentity {
 
-std::optional<Resolved> resolve(const std::string& process, const std::string& file, Patience patience) {
+std::optional<Resolved> resolve(const std::string& process, const std::string& file) {
   const auto content = Files::read(file);
   const auto identity = content ? Json::parseObject(*content) : std::nullopt;
   if (!identity) return std::nullopt;
@@ -19,7 +18,7 @@ std::optional<Resolved> resolve(const std::string& process, const std::string& f
   if (!url) return std::nullopt;
 
   const Http::Request request{"GET", *url, {{"X-Quib-Device", token}, {"X-Quib-Tenant", tenant}}, ""};
-  const auto response = Http::exchange(request, patience.request, patience.overall);
+  const auto response = Http::exchange(request, timeout);
   if (response.status != 200) return std::nullopt;
   const auto answer = Json::parseObject(response.body);
   if (!answer || answer->text("upload_api_key").empty()) return std::nullopt;

@@ -7,6 +7,8 @@
 #include <optional>
 #include <string>
 
+#include "Platform/Http/Http.h"
+
 namespace DeviceIdentity {
 
 struct Resolved {
@@ -21,14 +23,11 @@ struct Resolved {
 // Left by the enrolment.
 inline constexpr const char* identityFile = "/private/tmp/dev.obrisk.setup/device-identity.json";
 
-struct Patience {
-  std::chrono::milliseconds request{12'000};  // without progress
-  std::chrono::milliseconds overall{15'000};
-};
+// Of the question.
+inline constexpr Http::Timeouts timeout{std::chrono::seconds(12), std::chrono::seconds(15)};
 
 // Asks the control plane named in `file` for the identity that it gives to `process`, the label of the
 // calling agent ("claude", "Cursor", "copilot").
-std::optional<Resolved> resolve(const std::string& process, const std::string& file = identityFile,
-                                Patience patience = {});
+std::optional<Resolved> resolve(const std::string& process, const std::string& file = identityFile);
 
 }  // namespace DeviceIdentity

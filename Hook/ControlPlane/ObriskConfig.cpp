@@ -32,12 +32,6 @@ std::string_view trim(std::string_view text) {
   return Text::trim(text, Text::Space::horizontal);
 }
 
-std::string_view withoutQuotes(std::string_view text) {
-  const auto first = text.find_first_not_of('"');
-  if (first == text.npos) return {};
-  return text.substr(first, text.find_last_not_of('"') - first + 1);
-}
-
 // The variable's value, trimmed; empty when it is not set.
 std::string trimmedVariable(const char* name) {
   return std::string(trim(Process::environment(name).value_or("")));
@@ -95,9 +89,8 @@ ObriskHookConfig::Profiles ObriskHookConfig::parseConfigFile() {
   if (!content || !Utf8::isValid(*content)) return profiles;
   std::map<std::string, std::string>* section = nullptr;
   for (std::string_view rest = *content; !rest.empty();) {
-    auto line = rest.substr(0, rest.find('\n'));
-    rest.remove_prefix(std::min(line.size() + 1, rest.size()));
-    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    auto line = Text::takePart(rest, "\n");
+    if (line.ends_with('\r')) line.remove_suffix(1);
     line = trim(line);
     if (line.empty() || line.front() == '#') continue;
     const auto equals = line.find('=');
@@ -105,7 +98,7 @@ ObriskHookConfig::Profiles ObriskHookConfig::parseConfigFile() {
       section = &profiles[std::string(trim(line.substr(1, line.size() - 2)))];
       section->clear();
     } else if (section && equals != line.npos) {
-      (*section)[std::string(trim(line.substr(0, equals)))] = withoutQuotes(trim(line.substr(equals + 1)));
+      (*section)[std::string(trim(line.substr(0, equals)))] = Text::trim(trim(line.substr(equals + 1)), "\"");
     }
   }
   return profiles;

@@ -4,8 +4,8 @@
 #include <thread>
 
 #include "Hook/ControlPlane/ActivityLog.h"
-#include "Platform/Http/Http.h"
 #include "Platform/Http/Url.h"
+#include "Platform/Text.h"
 #include "Shared/HardwareID.h"
 
 namespace {
@@ -33,18 +33,13 @@ std::vector<Json::Object> objects(const Json::Array& list) {
   return result;
 }
 
-std::string withoutSlashes(const std::string& text) {
-  const auto first = text.find_first_not_of('/');
-  return first == text.npos ? "" : text.substr(first, text.find_last_not_of('/') - first + 1);
-}
-
 std::int64_t elapsedSince(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start)
       .count();
 }
 
-// Sends a list that is not empty, moved all the way, for a list can hold a whole prompt. The machine is asked
-// for its id only when there is somebody to tell it to.
+// Sends a list that is not empty. It is moved, never copied: it can hold a whole prompt. The machine's id is
+// looked up only when there is a request to carry it.
 std::optional<Json::Object> recordList(const ObserveClient& client, const std::string& path,
                                        const char* member, const char* singular, Json::Array list) {
   if (list.empty() || !client.config.isConfigured()) return std::nullopt;
@@ -118,21 +113,24 @@ std::optional<ObserveClient::CompleteRunResult> ObserveClient::completeRun(const
 std::optional<Json::Object> ObserveClient::post(const std::string& path, Json::Object body,
                                                 const std::string& summary) const {
   if (!config.isConfigured()) return std::nullopt;
-  const Http::Request request{"POST",
-                              withoutSlashes(config.apiUrl) + path,
-                              {{"X-Quib-Key", config.apiKey}, {"Content-Type", "application/json"}},
-                              Json(std::move(body)).compact()};
-  if (!Url::isUrl(request.url)) return std::nullopt;
+  const std::string url = std::string(Text::trim(config.apiUrl, "/")) + path;
+  if (!Url::isUrl(url)) return std::nullopt;
+  const std::string text = Json(std::move(body)).compact();
 
   auto pause = retryBaseDelay;
   for (int attempt = 1;; ++attempt, pause *= 2) {
     const auto start = std::chrono::steady_clock::now();
-    const auto answer = Http::exchange(request, timeout, timeout + answerGrace);
-    ActivityLog::record(request.method, request.url, answer.status, elapsedSince(start),
+    const auto answer = doPostOnce(url, text);
+    ActivityLog::record("POST", url, answer.status, elapsedSince(start),
                         static_cast<std::int64_t>(answer.body.size()), summary, answer.error);
     const int kind = answer.status / 100;
     if (kind == 2) return Json::parseObject(answer.body).value_or(Json::Object{});
     if (kind == 4 || attempt >= maxAttempts) return std::nullopt;
     std::this_thread::sleep_for(pause);
   }
+}
+
+Http::Response ObserveClient::doPostOnce(const std::string& url, std::string_view body) const {
+  return Http::exchange(
+      {"POST", url, {{"X-Quib-Key", config.apiKey}, {"Content-Type", "application/json"}}, body}, timeout);
 }

@@ -9,13 +9,13 @@
 #include <vector>
 
 #include "Hook/ControlPlane/ObriskConfig.h"
+#include "Platform/Http/Http.h"
 #include "Platform/Json/Json.h"
 
 struct ObserveClient {
   ObriskHookConfig config;
-  std::chrono::milliseconds timeout{30'000};        // of an attempt without progress
-  std::chrono::milliseconds answerGrace{5'000};     // an attempt ends so much later in any case
-  int maxAttempts = 3;                              // of one post, at least 1
+  Http::Timeouts timeout{std::chrono::seconds(30), std::chrono::seconds(35)};  // of one attempt
+  int maxAttempts = 3;                                                         // of one post, at least 1
   std::chrono::milliseconds retryBaseDelay{1'000};  // pause after failed attempt n (from 0): this times 2^n
 
   struct StartRunResult {
@@ -66,4 +66,8 @@ struct ObserveClient {
   // answer. `summary` goes to the activity log. Attempts that fail without a 4xx are repeated after a pause.
   std::optional<Json::Object> post(const std::string& path, Json::Object body,
                                    const std::string& summary) const;
+
+ private:
+  // One attempt.
+  Http::Response doPostOnce(const std::string& url, std::string_view body) const;
 };

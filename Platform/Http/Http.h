@@ -7,22 +7,20 @@
 // not sent on. When a host has several addresses the next is tried after a few seconds. Answers are bounded:
 // head 64 KiB, body 16 MB; a larger one is a transport error.
 //
-// Never throws, never waits longer than the overall deadline, whatever the server or the name server does.
+// Never throws, never waits longer than the overall timeout, whatever the server or the name server does.
 #pragma once
 
 #include <chrono>
 #include <optional>
 #include <string>
-#include <utility>
-#include <vector>
+
+#include "Platform/Http/Request.h"
 
 namespace Http {
 
-struct Request {
-  std::string method;  // "GET" or "POST"
-  std::string url;     // absolute, http or https; a user and password in it are not sent
-  std::vector<std::pair<std::string, std::string>> headers;
-  std::string body;
+struct Timeouts {
+  std::chrono::milliseconds idle;     // of every wait without progress; ends in a transport error
+  std::chrono::milliseconds overall;  // of the whole exchange; ends in status 0 without an error
 };
 
 struct Response {
@@ -31,11 +29,8 @@ struct Response {
   std::optional<std::string> error;  // the transport error's description; never holds a header or credentials
 };
 
-// Sends `request` and waits for the whole answer. `timeout` bounds every wait without progress and gives a
-// transport error; `overall` bounds the exchange and gives status 0 without an error. A URL that is not
-// absolute http or https, or a header with a control character in it, is a transport error and nothing is
-// sent.
-Response exchange(const Request& request, std::chrono::milliseconds timeout,
-                  std::chrono::milliseconds overall);
+// Sends `request` and waits for the whole answer. A URL that is not absolute http or https, or a header with
+// a control character in it, is a transport error and nothing is sent.
+Response exchange(const Request& request, const Timeouts& timeout);
 
 }  // namespace Http

@@ -68,7 +68,7 @@ std::string textOf(const Http::Request& request, const Url::Parts& target,
   if (request.method != "GET" || !request.body.empty()) {
     text += "Content-Length: " + std::to_string(request.body.size()) + "\r\n";
   }
-  return text + "\r\n" + request.body;
+  return text.append("\r\n").append(request.body);
 }
 
 std::string tunnelText(const Url::Parts& target, const Proxy::Server& proxy) {

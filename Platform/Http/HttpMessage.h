@@ -7,8 +7,8 @@
 #include <string>
 #include <string_view>
 
-#include "Platform/Http/Http.h"
 #include "Platform/Http/Proxy.h"
+#include "Platform/Http/Request.h"
 #include "Platform/Http/Url.h"
 
 namespace HttpMessage {

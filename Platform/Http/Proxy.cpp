@@ -1,16 +1,20 @@
 #include "Platform/Http/Proxy.h"
 
-#include <arpa/inet.h>
 #include <openssl/evp.h>
 #include <strings.h>
 
 #include <algorithm>
-#include <charconv>
-#include <cstring>
+#include <boost/asio/ip/address.hpp>
+#include <boost/asio/ip/network_v4.hpp>
+#include <boost/asio/ip/network_v6.hpp>
 
 #include "Platform/Process.h"
+#include "Platform/Text.h"
 
 namespace Proxy {
+
+namespace ip = boost::asio::ip;
+using boost::system::error_code;
 
 namespace {
 
@@ -29,35 +33,22 @@ std::string base64(const std::string& text) {
   return encoded;
 }
 
-// The bits of a literal address, 4 or 16 bytes; empty for anything else.
-std::string addressBytes(const std::string& text) {
-  char bytes[16];
-  if (inet_pton(AF_INET, text.c_str(), bytes) == 1) return {bytes, 4};
-  if (inet_pton(AF_INET6, text.c_str(), bytes) == 1) return {bytes, 16};
-  return {};
-}
-
-bool isInNetwork(const std::string& host, std::string_view network) {
-  const auto slash = network.find('/');
-  const std::string address = addressBytes(host);
-  const std::string base = addressBytes(std::string(network.substr(0, slash)));
-  if (address.empty() || address.size() != base.size()) return false;
-  std::size_t bits = address.size() * 8;
-  if (slash != network.npos) {
-    const auto digits = network.substr(slash + 1);
-    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), bits);
-    if (error != std::errc() || end != digits.data() + digits.size() || bits > address.size() * 8)
-      return false;
+// A literal address is a network of its own.
+bool isInNetwork(const std::string& host, const std::string& network) {
+  error_code failure;
+  const auto address = ip::make_address(host, failure);
+  if (failure) return false;
+  const std::string prefix = network.find('/') != network.npos ? "" : address.is_v4() ? "/32" : "/128";
+  if (address.is_v4()) {
+    const auto within = ip::make_network_v4(network + prefix, failure);
+    return !failure && ip::network_v4(address.to_v4(), within.prefix_length()).network() == within.network();
   }
-  const auto whole = bits / 8;
-  if (std::memcmp(address.data(), base.data(), whole) != 0) return false;
-  const int mask = 0xff00 >> (bits % 8) & 0xff;
-  return mask == 0 || ((address[whole] ^ base[whole]) & mask) == 0;
+  const auto within = ip::make_network_v6(network + prefix, failure);
+  return !failure && ip::network_v6(address.to_v6(), within.prefix_length()).network() == within.network();
 }
 
 bool isInDomain(std::string_view host, std::string_view domain) {
-  while (!domain.empty() && domain.front() == '.')
-    domain.remove_prefix(1);
+  domain.remove_prefix(std::min(domain.find_first_not_of('.'), domain.size()));
   if (domain.empty() || host.size() < domain.size()) return false;
   const auto tail = host.substr(host.size() - domain.size());
   const bool whole = tail.size() == host.size() || host[host.size() - domain.size() - 1] == '.';
@@ -66,7 +57,7 @@ bool isInDomain(std::string_view host, std::string_view domain) {
 
 bool names(std::string_view item, const Url::Parts& target) {
   if (item == "*") return true;
-  if (isInNetwork(target.host, item)) return true;
+  if (isInNetwork(target.host, std::string(item))) return true;
   if (const auto colon = item.rfind(':'); colon != item.npos && item.find(':') == colon) {
     if (item.substr(colon + 1) != std::to_string(target.port)) return false;
     item = item.substr(0, colon);
@@ -74,17 +65,16 @@ bool names(std::string_view item, const Url::Parts& target) {
     if (end + 1 < item.size() && item.substr(end + 1) != ":" + std::to_string(target.port)) return false;
     item = item.substr(1, end - 1);
   }
-  return isInNetwork(target.host, item) || (!target.isLiteralV6() && isInDomain(target.host, item));
+  return isInNetwork(target.host, std::string(item)) ||
+         (!target.isLiteralV6() && isInDomain(target.host, item));
 }
 
 }  // namespace
 
 bool isExempt(const Url::Parts& target, std::string_view list) {
   while (!list.empty()) {
-    const auto end = std::min(list.find_first_of(", \t"), list.size());
-    const auto item = list.substr(0, end);
+    const auto item = Text::takePart(list, ", \t");
     if (!item.empty() && names(item, target)) return true;
-    list.remove_prefix(std::min(end + 1, list.size()));
   }
   return false;
 }

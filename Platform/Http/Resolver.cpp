@@ -3,10 +3,10 @@
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <strings.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <condition_variable>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -16,28 +16,38 @@ namespace Resolver {
 
 namespace {
 
-bool isLiteral(const std::string& host) {
-  unsigned char bytes[16];
-  return inet_pton(AF_INET, host.c_str(), bytes) == 1 || inet_pton(AF_INET6, host.c_str(), bytes) == 1;
+// Absent when `host` is no literal address.
+std::optional<Address> literal(const std::string& host, std::uint16_t port) {
+  Address address{};
+  if (::inet_pton(AF_INET, host.c_str(), &address.four.sin_addr) == 1) {
+    address.four.sin_family = AF_INET;
+    address.four.sin_port = htons(port);
+    address.size = sizeof address.four;
+  } else if (::inet_pton(AF_INET6, host.c_str(), &address.six.sin6_addr) == 1) {
+    address.six.sin6_family = AF_INET6;
+    address.six.sin6_port = htons(port);
+    address.size = sizeof address.six;
+  } else {
+    return std::nullopt;
+  }
+  return address;
 }
 
-Answer ask(const std::string& host) {
+Answer ask(const std::string& host, std::uint16_t port) {
   addrinfo hints{};
   hints.ai_socktype = SOCK_STREAM;
   addrinfo* found = nullptr;
   Answer answer;
-  if (const int failure = ::getaddrinfo(host.c_str(), nullptr, &hints, &found)) {
+  if (const int failure = ::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found)) {
     answer.error = ::gai_strerror(failure);
     return answer;
   }
   for (const addrinfo* each = found; each; each = each->ai_next) {
-    char text[NI_MAXHOST];
-    if (::getnameinfo(each->ai_addr, each->ai_addrlen, text, sizeof text, nullptr, 0, NI_NUMERICHOST) == 0) {
-      answer.addresses.emplace_back(text);
-    }
+    Address& address = answer.addresses.emplace_back();
+    address.size = each->ai_addrlen;
+    std::memcpy(&address.any, each->ai_addr, std::min<std::size_t>(address.size, sizeof address.six));
   }
   ::freeaddrinfo(found);
-  if (answer.addresses.empty()) answer.error = "no address";
   return answer;
 }
 
@@ -50,13 +60,15 @@ struct Slot {
 
 }  // namespace
 
-Answer addressesOf(const std::string& host, std::chrono::steady_clock::time_point deadline) {
-  if (isLiteral(host)) return {{host}, ""};
-  if (::strcasecmp(host.c_str(), "localhost") == 0) return {{"127.0.0.1", "::1"}, ""};
+Answer addressesOf(const std::string& host, std::uint16_t port,
+                   std::chrono::steady_clock::time_point deadline) {
+  if (const auto address = literal(host, port)) return {{*address}, ""};
+  if (::strcasecmp(host.c_str(), "localhost") == 0)
+    return {{*literal("127.0.0.1", port), *literal("::1", port)}, ""};
 
   const auto slot = std::make_shared<Slot>();
-  std::thread([slot, host] {
-    Answer answer = ask(host);
+  std::thread([slot, host, port] {
+    Answer answer = ask(host, port);
     const std::lock_guard lock(slot->mutex);
     slot->answer = std::move(answer);
     slot->filled.notify_one();

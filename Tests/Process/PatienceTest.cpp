@@ -148,12 +148,12 @@ TEST_F(Patience, EveryEventMakesAsManyRequestsAsDocumentedAndNoMore) {
 
 TEST_F(Patience, TheDocumentedSecondsFollowFromTheClientsSettings) {
   const ObserveClient client;
-  auto ofOneRequest = client.maxAttempts * (client.timeout + client.answerGrace);
+  auto ofOneRequest = client.maxAttempts * client.timeout.overall;
   for (int pause = 0; pause + 1 < client.maxAttempts; ++pause)
     ofOneRequest += client.retryBaseDelay * (1 << pause);
   for (const Row& row : rows) {
     const Limit limit = documented(row.event);
-    EXPECT_EQ(limit.requests * ofOneRequest + DeviceIdentity::Patience{}.overall,
+    EXPECT_EQ(limit.requests * ofOneRequest + DeviceIdentity::timeout.overall,
               std::chrono::seconds(limit.seconds))
         << row.event;
   }
@@ -161,10 +161,10 @@ TEST_F(Patience, TheDocumentedSecondsFollowFromTheClientsSettings) {
 
 TEST_F(Patience, EveryKindOfSilenceEndsWithTheTimeout) {
   ObserveClient client = daily("deny");
-  client.timeout = 20ms;
+  client.timeout.idle = 20ms;
   client.maxAttempts = 2;
   client.retryBaseDelay = 5ms;
-  const auto ofOneRequest = 2 * client.timeout + client.retryBaseDelay;
+  const auto ofOneRequest = 2 * client.timeout.idle + client.retryBaseDelay;
   const std::pair<const char*, Reply> silences[] = {
       {"no answer", FakeControlPlane::failing(Fault::silence)},
       {"half an answer", FakeControlPlane::failing(Fault::silenceInBody)},
@@ -185,8 +185,7 @@ TEST_F(Patience, EveryKindOfSilenceEndsWithTheTimeout) {
 
 TEST_F(Patience, AnAnswerThatKeepsTricklingEndsAllTheSame) {
   ObserveClient client = daily("deny");
-  client.timeout = 100ms;
-  client.answerGrace = 100ms;
+  client.timeout = {.idle = 100ms, .overall = 200ms};
   client.maxAttempts = 1;
   plane.on("*", {.body = std::string(10'000, ' '), .drip = 10ms});
   const auto start = std::chrono::steady_clock::now();
@@ -198,12 +197,12 @@ TEST_F(Patience, AControlPlaneThatCannotBeReachedIsNotWaitedForBeyondTheTimeout)
   FakeControlPlane deaf({.deaf = true}), unaccepting({.unaccepting = true});
   for (const std::string& url : {deaf.url(), unaccepting.url()}) {
     ObserveClient client = Sandbox::client(url, "reviewer", "deny");
-    client.timeout = 60ms;
+    client.timeout.idle = 60ms;
     ASSERT_FALSE(SessionStore::save(started()));
     const auto start = std::chrono::steady_clock::now();
     const Outcome outcome = EventRouter::handlePreToolUse(
         event("PreToolUse", {{"tool_name", "Read"}, {"tool_input", Json::Object{}}}), client);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 3 * client.timeout + 1s) << url;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 3 * client.timeout.idle + 1s) << url;
     EXPECT_TRUE(std::holds_alternative<Deny>(outcome)) << "and the fail default decides";
   }
 }

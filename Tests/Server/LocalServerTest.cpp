@@ -77,7 +77,7 @@ class LocalServerTest : public testing::Test {
     return connection.receive().substr(9, 3);
   }
   bool answers() {
-    return Http::exchange({"GET", server->url() + "/ui/overview", {}, ""}, 30s, 30s).status == 200;
+    return Http::exchange({"GET", server->url() + "/ui/overview", {}, ""}, {30s, 30s}).status == 200;
   }
 
   Sandbox sandbox;

@@ -23,9 +23,8 @@ class DeviceIdentityTest : public testing::Test {
     sandbox.write(file(), Json(identity).compact());
   }
 
-  std::optional<Resolved> resolve(const std::string& process = "claude",
-                                  DeviceIdentity::Patience patience = {}) {
-    return DeviceIdentity::resolve(process, file(), patience);
+  std::optional<Resolved> resolve(const std::string& process = "claude") {
+    return DeviceIdentity::resolve(process, file());
   }
 
   Sandbox sandbox;
@@ -90,18 +89,6 @@ TEST_F(DeviceIdentityTest, OnlyAWholeAnswerWithAKeyGivesAnIdentity) {
     EXPECT_TRUE(resolve() == row.expected) << row.name;
   }
   EXPECT_EQ(server.requests().size(), std::size(rows)) << "each is asked for once";
-}
-
-TEST_F(DeviceIdentityTest, WaitsNoLongerThanItHasPatience) {
-  enrol(server.url());
-  auto dripping = FakeControlPlane::status(200, R"({"upload_api_key":"k"})");
-  dripping.drip = 50ms;
-  server.next({FakeControlPlane::failing(Fault::silence), dripping});
-  EXPECT_EQ(resolve("claude", {200ms, 10s}), std::nullopt);
-  EXPECT_EQ(resolve("claude", {10s, 200ms}), std::nullopt);
-  EXPECT_EQ(server.requests().size(), 2u);
-  EXPECT_EQ(DeviceIdentity::Patience().request, 12s);
-  EXPECT_EQ(DeviceIdentity::Patience().overall, 15s);
 }
 
 TEST_F(DeviceIdentityTest, AnUnusableFileMakesNoRequest) {

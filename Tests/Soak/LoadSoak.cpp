@@ -100,7 +100,7 @@ class LoadSoak : public testing::Test {
 
   // The steps that the control plane shows for all runs.
   static std::int64_t stepsReceived(const std::string& url) {
-    const auto answer = Http::exchange({"GET", url + "/ui/overview", {}, ""}, 10s, 10s);
+    const auto answer = Http::exchange({"GET", url + "/ui/overview", {}, ""}, {10s, 10s});
     return parsed(answer.body).object("store").object("totals").integer("steps");
   }
 

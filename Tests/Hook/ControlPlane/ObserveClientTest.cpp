@@ -20,7 +20,7 @@ struct ObserveClientTest : testing::Test {
   ObserveClient client(const std::string& url) const {
     ObserveClient result;
     result.config = {url, "k-secret", "configured", "allow"};
-    result.timeout = 10s;
+    result.timeout.idle = 10s;
     result.retryBaseDelay = 1ms;
     return result;
   }
@@ -131,7 +131,7 @@ TEST_F(ObserveClientTest, AServerThatCannotBeReachedIsTriedAsOftenAsAnyOther) {
 
 TEST_F(ObserveClientTest, AClientThatTriesOnceWaitsForItsTimeoutOnlyAndLogsHowLong) {
   auto hasty = client();
-  hasty.timeout = 150ms;
+  hasty.timeout.idle = 150ms;
   hasty.maxAttempts = 1;
   server.next({FakeControlPlane::failing(Fault::silence)});
   EXPECT_EQ(hasty.post("/x/", {}, ""), std::nullopt);

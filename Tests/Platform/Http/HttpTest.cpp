@@ -38,12 +38,12 @@ const std::string large(16 * 1024 * 1024, 'x');
 const std::string ok = "HTTP/1.1 200 OK\r\n";
 
 Http::Response get(const std::string& url, milliseconds timeout = 10s, milliseconds overall = 20s) {
-  return Http::exchange({"GET", url, {{"X-Quib-Key", "k-secret"}}, ""}, timeout, overall);
+  return Http::exchange({"GET", url, {{"X-Quib-Key", "k-secret"}}, ""}, {timeout, overall});
 }
 
 Http::Response post(const std::string& url, const std::string& body, milliseconds timeout = 10s,
                     milliseconds overall = 20s) {
-  return Http::exchange({"POST", url, {{"X-Quib-Key", "k-secret"}}, body}, timeout, overall);
+  return Http::exchange({"POST", url, {{"X-Quib-Key", "k-secret"}}, body}, {timeout, overall});
 }
 
 Reply raw(std::string bytes) {
@@ -152,7 +152,7 @@ TEST_F(HttpTest, SendsNothingThatCannotBeSentAsItIs) {
       {"GET", server.url(), {{"X-Other: b\r\nX-Quib-Key", "a"}}, ""},
   };
   for (const auto& request : rows)
-    EXPECT_TRUE(Http::exchange(request, 1s, 2s).error.has_value()) << request.url;
+    EXPECT_TRUE(Http::exchange(request, {1s, 2s}).error.has_value()) << request.url;
   EXPECT_EQ(server.connections(), 0);
 }
 

@@ -23,7 +23,7 @@ extern "C" time_t time(time_t* result) noexcept {
 namespace {
 
 Http::Response get(const std::string& url, std::chrono::milliseconds timeout = 10s) {
-  return Http::exchange({"GET", url, {{"X-Quib-Key", "k-secret"}}, ""}, timeout, 20s);
+  return Http::exchange({"GET", url, {{"X-Quib-Key", "k-secret"}}, ""}, {timeout, 20s});
 }
 
 bool holds(const std::optional<std::string>& text, const std::string& part) {
@@ -94,8 +94,9 @@ TEST_F(HttpTlsTest, OneSecuredConnectionServesAllRequests) {
   trustByFile(authority);
   FakeControlPlane server({.certificate = forLocal});
   for (int i = 0; i < 3; ++i) {
-    const Http::Request request{"POST", server.url(), {}, std::string(100'000, 'b')};
-    EXPECT_EQ(Http::exchange(request, 10s, 20s).status, 200);
+    const std::string body(100'000, 'b');
+    const Http::Request request{"POST", server.url(), {}, body};
+    EXPECT_EQ(Http::exchange(request, {10s, 20s}).status, 200);
   }
   EXPECT_EQ(server.connections(), 1);
   server.next({{.closeAfter = true}});
@@ -155,8 +156,9 @@ TEST_F(HttpTlsTest, SeesARefusalThatComesBeforeTheRequestIsSent) {
   for (const bool closes : {true, false}) {
     FakeControlPlane server({.certificate = forLocal, .hasty = true});
     server.next({{.status = 413, .closeAfter = closes}});
-    const Http::Request request{"POST", server.url(), {}, std::string(16'000'000, 'b')};
-    const auto answer = Http::exchange(request, 2s, 20s);
+    const std::string body(16'000'000, 'b');
+    const Http::Request request{"POST", server.url(), {}, body};
+    const auto answer = Http::exchange(request, {2s, 20s});
     EXPECT_EQ(answer.status, 413) << closes << answer.error.value_or("");
     EXPECT_EQ(get(server.url()).status, 200) << closes;
   }
