@@ -1,13 +1,12 @@
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <functional>
+#include <ctime>
 #include <string>
-#include <vector>
 
 #include "Hook/Guard/RuleEvaluator.h"
 #include "Tests/Support/Repeated.h"
 #include "Tests/Support/Sandbox.h"
+#include "Tests/Support/Table.h"
 #include "Tests/Support/Verdicts.h"
 
 namespace {
@@ -17,86 +16,82 @@ std::string check(const std::string& tool, const Json::Object& input,
   return described(RuleEvaluator::checkToolUse(tool, input, config, cwd));
 }
 
-const std::string allowed = "allow : ";
+double computedSeconds() {
+  return static_cast<double>(std::clock()) / CLOCKS_PER_SEC;
+}
 
 TEST(CheckToolUse, RunsTheChecksOfTheTool) {
-  struct Row {
-    const char* sentence;
-    std::string tool, input, expected;
-  };
-  const std::vector<Row> rows = {
-      {"a shell command", "Bash", R"({"command": "rm -rf /"})",
-       "block destructive_command: Blocked command pattern: rm -rf /"},
-      {"a git command", "Bash", R"({"command": "git reset --hard"})",
-       "block git_safety: git reset --hard blocked: git reset --hard"},
-      {"a shell warning hides a git verdict", "Bash",
-       R"({"command": "git push origin main && rm -rf build"})",
-       "warn destructive_command: Potentially dangerous command: git push origin main && rm -rf build"},
-      {"no command", "Bash", "{}", allowed},
-      {"a command that is no string", "Bash", R"({"command": ["rm -rf /"]})", allowed},
-      {"a member of another tool", "Bash", R"({"url": "http://localhost", "file_path": ".env"})", allowed},
-      {"a written file", "Write", R"({"file_path": ".env"})",
-       "block file_protection: Write to protected file blocked: .env (matched: .env)"},
-      {"an edited file", "Edit", R"({"file_path": ".env"})",
-       "block file_protection: Write to protected file blocked: .env (matched: .env)"},
-      {"a protected file that is infrastructure, too", "Write", R"({"file_path": ".github/.env"})",
-       "block file_protection: Write to protected file blocked: .github/.env (matched: .env)"},
-      {"an infrastructure file", "Edit", R"({"file_path": "Makefile"})",
-       "warn infra_protection: Write to infrastructure file: Makefile (matched: Makefile)"},
-      {"a file outside of the project", "Write", R"({"file_path": "/x"})", allowed},
-      {"a read file", "Read", R"({"file_path": "/x/.env"})", allowed},
-      {"an address", "WebFetch", R"({"url": "http://localhost"})",
-       "block network_access: Access to internal/private URL blocked: http://localhost"},
-      {"a tool of another case", "bash", R"({"command": "rm -rf /"})", allowed},
-      {"a tool that has no checks", "Glob", R"({"command": "rm -rf /", "file_path": ".env"})", allowed},
-      {"a tool without a name", "", R"({"command": "rm -rf /"})", allowed},
-  };
-  for (const Row& row : rows)
-    EXPECT_EQ(check(row.tool, parsed(row.input)), row.expected) << row.sentence;
+  for (const auto& row : rows(R"(
+      Bash     ¦ "command": "rm -rf /"         ¦ block destructive_command: Blocked command pattern: rm -rf /
+      Bash     ¦ "command": "git reset --hard" ¦ block git_safety: git reset --hard blocked: git reset --hard
+      Bash     ¦ "command": "git push main; rm -rf x" ¦ warn destructive_command
+      Bash     ¦                               ¦ allow :␠
+      Bash     ¦ "command": ["rm -rf /"]       ¦ allow :␠
+      Bash     ¦ "url": "http://localhost", "file_path": ".env" ¦ allow :␠
+      Write    ¦ "file_path": ".env"           ¦ block file_protection: Write to protected file blocked: .env
+      Edit     ¦ "file_path": ".env"           ¦ block file_protection: Write to protected file blocked: .env
+      Write    ¦ "file_path": ".github/.env"   ¦ block file_protection
+      Edit     ¦ "file_path": "Makefile"       ¦ warn infra_protection: Write to infrastructure file: Makefile
+      Write    ¦ "file_path": "/x"             ¦ allow :␠
+      Read     ¦ "file_path": "/x/.env"        ¦ allow :␠
+      WebFetch ¦ "url": "http://localhost"     ¦ block network_access
+      bash     ¦ "command": "rm -rf /"         ¦ allow :␠
+      Glob     ¦ "command": "rm -rf /", "file_path": ".env" ¦ allow :␠
+               ¦ "command": "rm -rf /"         ¦ allow :␠
+      )")) {
+    const std::string verdict = check(row[0], parsed("{" + row[1] + "}"));
+    EXPECT_TRUE(verdict.starts_with(row[2])) << row[0] << " " << row[1] << " " << verdict;
+  }
 }
 
 TEST(CheckToolUse, ChecksTheBoundaryLastAndOnlyWhereItIsEnabled) {
   GuardConfig config = GuardConfig::defaults();
   config.path_boundary_enabled = true;
-  const auto write = [&](const char* path, const std::string& cwd = "/proj") {
-    return check("Write", {{"file_path", path}}, config, cwd);
-  };
-  EXPECT_EQ(write("/x"), "block path_boundary: Write outside project directory blocked: /x (cwd: /proj)");
-  EXPECT_EQ(write("/x.lock"), "warn file_protection: Write to sensitive file: /x.lock (matched: *.lock)");
-  EXPECT_EQ(write("/Makefile"),
-            "warn infra_protection: Write to infrastructure file: /Makefile (matched: Makefile)");
-  EXPECT_EQ(write("/proj/x"), allowed);
-  EXPECT_EQ(write("/x", ""), allowed);
-  EXPECT_EQ(check("Read", {{"file_path", "/x"}}, config), allowed);
+  for (const auto& row : rows(R"(
+      Write ¦ /x        ¦ /proj ¦ block path_boundary: Write outside project directory blocked: /x (cwd: /proj)
+      Write ¦ /x.lock   ¦ /proj ¦ warn file_protection: Write to sensitive file: /x.lock (matched: *.lock)
+      Write ¦ /Makefile ¦ /proj ¦ warn infra_protection: Write to infrastructure file: /Makefile (matched: Makefile)
+      Write ¦ /proj/x   ¦ /proj ¦ allow :␠
+      Write ¦ /x        ¦       ¦ allow :␠
+      Read  ¦ /x        ¦ /proj ¦ allow :␠
+      )"))
+    EXPECT_EQ(check(row[0], {{"file_path", row[1]}}, config, row[2]), row[3]);
 }
 
 TEST(CheckToolUse, AnswersInBoundedTimeAndObjectsToWhatItCannotCheck) {
   struct Row {
-    const char* sentence;
-    std::string tool, member, text;
-    std::function<void(GuardConfig&)> change;
-    std::string action;
+    std::string tool, member, text, action;
+    std::vector<std::string> GuardConfig::*list = nullptr;
+    std::vector<std::string> entries = {};
   };
-  const auto asItIs = [](GuardConfig&) {};
-  const std::vector<Row> rows = {
-      {"a command of as many pushes", "Bash", "command", repeated("git push main ", 75'000) + "-fx", asItIs,
-       "block"},
-      {"thousands of slow patterns", "Bash", "command", repeated("a", 40) + "!",
-       [](GuardConfig& c) { c.warn_command_patterns.assign(10'000, "(a+)+$"); }, "warn"},
-      {"thousands of globs on a long path", "Write", "file_path", "/" + repeated("a/", 500'000),
-       [](GuardConfig& c) { c.protected_file_patterns.assign(10'000, "**/*a*b"); }, "block"},
-      {"a path of parents", "Write", "file_path", "/usr/share" + repeated("/../share", 100'000), asItIs,
-       "allow"},
+  const std::string word(100'000, 'a');
+  const Row table[] = {
+      {"Bash", "command", repeated("git push main ", 75'000) + "-fx", "block"},
+      {"Bash", "command", repeated("a", 40) + "!", "warn", &GuardConfig::warn_command_patterns,
+       std::vector<std::string>(10'000, "(a+)+$")},
+      {"Bash", "command", "git push" + repeated(" aaaaaaaa", 100'000), "warn",
+       &GuardConfig::git_protected_branches, std::vector<std::string>(10'000, "*a*b")},
+      {"Write", "file_path", "/" + repeated("a/", 500'000), "block", &GuardConfig::protected_file_patterns,
+       std::vector<std::string>(10'000, "**/*a*b")},
+      {"Write",
+       "file_path",
+       "/" + repeated(word, 10),
+       "block",
+       &GuardConfig::protected_file_patterns,
+       {"*" + word + "b"}},
+      {"WebFetch", "url", "https://" + repeated(word, 10), "block", &GuardConfig::blocked_domains,
+       std::vector<std::string>(20'000, std::string(300, 'a') + "b")},
+      {"Write", "file_path", "/usr/share" + repeated("/../share", 100'000), "allow"},
   };
-  for (const Row& row : rows) {
+  for (const Row& row : table) {
     GuardConfig config = GuardConfig::defaults();
-    row.change(config);
-    const auto start = std::chrono::steady_clock::now();
+    if (row.list) config.*row.list = row.entries;
+    const double before = computedSeconds();
     const std::string verdict = check(row.tool, {{row.member, row.text}}, config);
-    const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
-    EXPECT_EQ(verdict.substr(0, verdict.find(' ')), row.action) << row.sentence;
-    EXPECT_EQ(verdict.ends_with(" (takes too long to check)"), row.action != "allow") << row.sentence;
-    EXPECT_LT(taken.count(), 10.0) << row.sentence;
+    const std::string sentence = row.tool + " " + row.text.substr(0, 20);
+    EXPECT_TRUE(verdict.starts_with(row.action)) << sentence << verdict.substr(0, 20);
+    EXPECT_EQ(verdict.ends_with(" (takes too long to check)"), row.action != "allow") << sentence;
+    EXPECT_LT(computedSeconds() - before, 3) << sentence;
   }
 }
 
@@ -104,11 +99,10 @@ TEST(CheckToolUse, LetsNoPathGrowBeyondBoundsByItsVariables) {
   Sandbox sandbox;
   sandbox.set("QUIB_LONG", std::string(10'000, 'q'));
   const std::string path = "/" + repeated("$QUIB_LONG", 100'000);
-  const auto start = std::chrono::steady_clock::now();
+  const double before = computedSeconds();
   EXPECT_TRUE(RuleEvaluator::normalizePath(path, "/proj") == path);
   check("Write", {{"file_path", path}});
-  const std::chrono::duration<double> taken = std::chrono::steady_clock::now() - start;
-  EXPECT_LT(taken.count(), 2.0);
+  EXPECT_LT(computedSeconds() - before, 2);
 }
 
 }  // namespace
