@@ -142,6 +142,6 @@ AgentAnswer run(const std::vector<std::string>& argv) {
 int main(int argc, char** argv) {
   Process::prepare();
   AgentAnswer answer = run({argv, argv + argc});
-  Process::writeOutput(answer.body.value_or(""));
+  Process::writeOutput(answer.body);
   Process::exit(answer.status);
 }

@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <limits.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/file.h>
@@ -9,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -229,6 +231,18 @@ bool append(const std::string& path, std::string_view record) {
 
 bool remove(const std::string& path) {
   return ::unlink(cPath(path)) == 0;
+}
+
+std::optional<std::string> endOfLinks(std::string path) {
+  constexpr int maxLinks = 40;
+  std::array<char, PATH_MAX> link;
+  for (int links = 0; links <= maxLinks; ++links) {
+    const ssize_t size = ::readlink(cPath(path), link.data(), link.size());
+    if (size < 0) return path;
+    path.resize(link[0] == '/' ? 0 : path.rfind('/') + 1);
+    path.append(link.data(), static_cast<std::size_t>(size));
+  }
+  return std::nullopt;
 }
 
 std::error_code makeDirectories(const std::string& path) {

@@ -53,6 +53,10 @@ bool append(const std::string& path, std::string_view record);
 
 bool remove(const std::string& path);  // false when it was not removed
 
+// Where the links at `path` lead in the end, be there a file or not yet (the path itself when it is no link);
+// absent when they lead in a circle.
+std::optional<std::string> endOfLinks(std::string path);
+
 // Creates `path` and its missing parents, each with mode 0700. No error when it is there already.
 std::error_code makeDirectories(const std::string& path);
 

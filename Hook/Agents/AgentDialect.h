@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 
 #include "Hook/Handlers/Outcome.h"
@@ -15,6 +14,6 @@ struct NormalizedEvent {
 };
 
 struct AgentAnswer {
-  std::optional<std::string> body;  // absent: nothing is written
-  std::int32_t status = 0;          // exit status of the process
+  std::string body;         // on standard output
+  std::int32_t status = 0;  // exit status of the process
 };

@@ -1,6 +1,6 @@
 #include "Hook/Agents/ClaudeInstaller.h"
 
-#include <array>
+#include <algorithm>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -8,55 +8,32 @@
 #include "Hook/Agents/HookFile.h"
 #include "Hook/Agents/TextualMember.h"
 #include "Platform/Json/Json.h"
+#include "Platform/Text.h"
 
 namespace ClaudeInstaller {
 namespace {
 
 constexpr Log::Category logger{"hook.claude"};
-constexpr HookFile::File settings{".claude/settings.json", "Claude Code", logger};
-
-struct Event {
-  std::string_view name;
-  bool concernsTools = false;  // its groups match by the tool's name
-};
+constexpr HookFile::File settings{".claude/settings.json", "Claude Code", "", logger};
 
 // Not "WorktreeCreate": a hook for it takes the agent's place in creating the worktree and must answer with
 // its path.
-constexpr auto events = std::to_array<Event>({
-    {"ConfigChange"},
-    {"CwdChanged"},
-    {"Elicitation"},
-    {"ElicitationResult"},
-    {"FileChanged"},
-    {"InstructionsLoaded"},
-    {"Notification"},
-    {"PermissionDenied", true},
-    {"PermissionRequest", true},
-    {"PostCompact"},
-    {"PostToolUse", true},
-    {"PostToolUseFailure", true},
-    {"PreCompact"},
-    {"PreToolUse", true},
-    {"SessionEnd"},
-    {"SessionStart"},
-    {"Stop"},
-    {"StopFailure"},
-    {"SubagentStart"},
-    {"SubagentStop"},
-    {"TaskCompleted"},
-    {"TaskCreated"},
-    {"TeammateIdle"},
-    {"UserPromptSubmit"},
-    {"WorktreeRemove"},
-});
+constexpr std::string_view events =
+    "ConfigChange CwdChanged Elicitation ElicitationResult FileChanged InstructionsLoaded Notification "
+    "PermissionDenied PermissionRequest PostCompact PostToolUse PostToolUseFailure PreCompact PreToolUse "
+    "SessionEnd SessionStart Stop StopFailure SubagentStart SubagentStop TaskCompleted TaskCreated TeammateIdle "
+    "UserPromptSubmit WorktreeRemove";
+// Their groups match by the tool's name.
+constexpr std::string_view toolEvents[] = {"PermissionDenied", "PermissionRequest", "PostToolUse",
+                                           "PostToolUseFailure", "PreToolUse"};
 
 // Longer than the hook ever takes: an agent that gives up on it lets pass what it was about to deny.
 constexpr int timeoutSeconds = 1320;
 
-Json group(const Event& event, const std::string& command) {
+Json group(std::string_view event, const std::string& command) {
   Json::Object group{{"hooks", Json::Array{Json::Object{
                                    {"type", "command"}, {"command", command}, {"timeout", timeoutSeconds}}}}};
-  if (event.concernsTools) group.set("matcher", "*");
+  if (std::ranges::count(toolEvents, event) > 0) group.set("matcher", "*");
   return group;
 }
 
@@ -96,10 +73,11 @@ std::optional<std::string> merged(std::string hooks, const std::string& command)
     const auto groups = groupsOf(name), others = withoutOwn(groups, command);
     if (others != groups) setGroups(name, others);
   }
-  for (const Event& event : events) {
-    auto groups = groupsOf(event.name);
+  for (std::string_view rest = events; !rest.empty();) {
+    const std::string_view event = Text::takePart(rest, " ");
+    auto groups = groupsOf(event);
     groups.push_back(TextualMember::pretty(group(event, command), ofGroup));
-    setGroups(event.name, groups);
+    setGroups(event, groups);
   }
   return hooks;
 }
@@ -107,7 +85,8 @@ std::optional<std::string> merged(std::string hooks, const std::string& command)
 }  // namespace
 
 bool install(const std::string& binaryPath) {
-  if (!HookFile::accepts(settings, binaryPath)) return false;
+  const auto command = HookFile::command(settings, binaryPath);
+  if (!command) return false;
   std::string text = "{}\n";
   if (HookFile::exists(settings)) {
     auto present = HookFile::read(settings);
@@ -118,7 +97,7 @@ bool install(const std::string& binaryPath) {
   const auto hooks = TextualMember::find(text, "hooks").value_or("{}");
   if (!hooks.starts_with('{')) return HookFile::refuse(settings, "its \"hooks\" is not an object");
 
-  const auto result = merged(std::string(hooks), "'" + binaryPath + "'");
+  const auto result = merged(std::string(hooks), *command);
   if (!result) return HookFile::refuse(settings, "an event in its \"hooks\" has no list");
   return HookFile::replace(settings, TextualMember::set(text, "hooks", *result, ofHooks));
 }

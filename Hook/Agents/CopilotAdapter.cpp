@@ -2,7 +2,6 @@
 
 #include <array>
 #include <utility>
-#include <variant>
 
 #include "Hook/Agents/EventMapping.h"
 #include "Hook/Agents/HookFile.h"
@@ -10,16 +9,10 @@
 namespace CopilotAdapter {
 namespace {
 
-using EventMapping::copied;
-using EventMapping::derived;
-using EventMapping::fixed;
-
-// The member's value under the first of the two names that is there, whatever its type.
-Json either(const Json::Object& raw, std::string_view key, std::string_view otherKey, const Json& missing) {
-  const Json* value = raw.find(key);
-  if (!value) value = raw.find(otherKey);
-  return value ? *value : missing;
-}
+using EventMapping::Copied;
+using EventMapping::Fixed;
+using EventMapping::Member;
+using EventMapping::valueOr;
 
 // The string under the first of the two names that has one.
 std::optional<std::string> eitherText(const Json::Object& raw, std::string_view key,
@@ -32,29 +25,30 @@ Json nameOfTool(const Json::Object& raw) {
   return eitherText(raw, "toolName", "tool_name").value_or("");
 }
 Json inputOfTool(const Json::Object& raw) {
-  return either(raw, "toolArgs", "tool_input", Json::Object{});
+  return valueOr(raw, "toolArgs", valueOr(raw, "tool_input", Json::Object{}));
 }
 Json taskOfAgent(const Json::Object& raw) {
-  return either(raw, "agentDescription", "agentName", "");
+  return valueOr(raw, "agentDescription", valueOr(raw, "agentName", ""));
 }
 Json messageOfError(const Json::Object& raw) {
-  const Json* message = raw.object("error").find("message");
-  return message ? *message : "error";
+  return valueOr(raw.object("error"), "message", "error");
 }
 
-constexpr EventMapping::Member toolName = derived("tool_name", nameOfTool);
-constexpr EventMapping::Member toolInput = derived("tool_input", inputOfTool);
-constexpr EventMapping::Member error = copied("error", "error");
-constexpr EventMapping::Member errorMessage = derived("message", messageOfError);
-constexpr EventMapping::Member errorType = fixed("notification_type", "error");
+constexpr Member prompt{"prompt", Copied{"prompt"}};
+constexpr Member toolName{"tool_name", nameOfTool};
+constexpr Member toolInput{"tool_input", inputOfTool};
+constexpr Member task{"task", taskOfAgent};
+constexpr Member error{"error", Copied{"error"}};
+constexpr Member errorMessage{"message", messageOfError};
+constexpr Member errorType{"notification_type", Fixed{"error"}};
 
 constexpr auto mapping = std::to_array<EventMapping::Row>({
     {{"sessionStart", "SessionStart"}, "SessionStart"},
-    {{"userPromptSubmitted", "UserPromptSubmit"}, "UserPromptSubmit", {copied("prompt", "prompt")}},
+    {{"userPromptSubmitted", "UserPromptSubmit"}, "UserPromptSubmit", {prompt}},
     {{"preToolUse", "PreToolUse", "permissionRequest"}, "PreToolUse", {toolName, toolInput}},
     {{"postToolUse", "PostToolUse"}, "PostToolUse", {toolName, toolInput}},
     {{"postToolUseFailure", "PostToolUseFailure"}, "PostToolUseFailure", {toolName, error}},
-    {{"subagentStart"}, "SubagentStart", {derived("task", taskOfAgent)}},
+    {{"subagentStart"}, "SubagentStart", {task}},
     {{"subagentStop"}, "SubagentStop"},
     {{"preCompact"}, "PreCompact"},
     {{"agentStop", "Stop"}, "Stop"},
@@ -63,12 +57,12 @@ constexpr auto mapping = std::to_array<EventMapping::Row>({
 });
 
 constexpr Log::Category logger{"hook.copilot"};
-constexpr HookFile::File hookFile{".copilot/hooks/obrisk.json", "Copilot", logger};
+constexpr HookFile::File hookFile{".copilot/hooks/obrisk.json", "Copilot", " --app copilot --profile copilot",
+                                  logger};
 
-constexpr std::array<std::string_view, 10> registeredEvents{
-    "sessionStart",  "userPromptSubmitted", "preToolUse", "postToolUse", "postToolUseFailure",
-    "subagentStart", "subagentStop",        "agentStop",  "sessionEnd",  "notification",
-};
+constexpr std::string_view registeredEvents =
+    "sessionStart userPromptSubmitted preToolUse postToolUse postToolUseFailure subagentStart subagentStop "
+    "agentStop sessionEnd notification";
 
 // An agent that has stopped cannot be asked anything: a question lets it stop.
 Json::Object answer(const Allow&, bool isStop) {
@@ -100,18 +94,17 @@ NormalizedEvent normalize(const Json::Object& raw) {
 AgentAnswer render(const Outcome& outcome, std::string_view copilotEvent) {
   const bool isStop = copilotEvent == "agentStop" || copilotEvent == "Stop";
   const auto body = std::visit([&](const auto& decided) { return answer(decided, isStop); }, outcome);
-  return {Json(body).compact(), 0};
+  return {Json(body).compact()};
 }
 
 bool install(const std::string& binaryPath) {
-  if (!HookFile::accepts(hookFile, binaryPath)) return false;
-  const Json entry =
-      Json::Object{{"type", "command"}, {"command", "'" + binaryPath + "' --app copilot --profile copilot"}};
-  Json::Object hooks;
-  for (const std::string_view event : registeredEvents)
-    hooks.set(event, Json::Array{entry});
-  const Json file = Json::Object{{"version", 1}, {"disableAllHooks", false}, {"hooks", std::move(hooks)}};
-  return HookFile::replace(hookFile, file.pretty());
+  const auto command = HookFile::command(hookFile, binaryPath);
+  if (!command) return false;
+  const Json::Object entry{{"type", "command"}, {"command", *command}};
+  const Json::Object file{{"version", 1},
+                          {"disableAllHooks", false},
+                          {"hooks", HookFile::registered({}, registeredEvents, entry)}};
+  return HookFile::replace(hookFile, Json(file).pretty());
 }
 
 }  // namespace CopilotAdapter

@@ -1,8 +1,8 @@
 #include "Hook/Agents/CursorAdapter.h"
 
 #include <array>
+#include <string>
 #include <utility>
-#include <variant>
 
 #include "Hook/Agents/EventMapping.h"
 #include "Hook/Agents/HookFile.h"
@@ -11,11 +11,17 @@
 namespace CursorAdapter {
 namespace {
 
-using EventMapping::copied;
-using EventMapping::derived;
-using EventMapping::fixed;
-using EventMapping::Missing;
+using EventMapping::Copied;
+using EventMapping::Fixed;
+using EventMapping::Member;
+using EventMapping::valueOr;
 
+Json toolInputOf(const Json::Object& raw) {
+  return valueOr(raw, "tool_input", Json::Object{});
+}
+Json durationOf(const Json::Object& raw) {
+  return valueOr(raw, "duration", 0);
+}
 Json shellInput(const Json::Object& raw) {
   return Json::Object{{"command", raw.text("command")}};
 }
@@ -26,16 +32,22 @@ Json serverToolInput(const Json::Object& raw) {
   return Json::Object{{"raw", raw.text("tool_input")}};
 }
 
-constexpr EventMapping::Member toolName = copied("tool_name", "tool_name");
-constexpr EventMapping::Member toolInput = copied("tool_input", "tool_input", Missing::emptyObject);
-constexpr EventMapping::Member duration = copied("duration", "duration", Missing::zero);
-constexpr EventMapping::Member shellName = fixed("tool_name", "Bash");
-constexpr EventMapping::Member shellCommand = derived("tool_input", shellInput);
-constexpr EventMapping::Member serverTool = derived("tool_name", serverToolName);
-constexpr EventMapping::Member serverInput = derived("tool_input", serverToolInput);
+constexpr Member toolName{"tool_name", Copied{"tool_name"}};
+constexpr Member toolInput{"tool_input", toolInputOf};
+constexpr Member duration{"duration", durationOf};
+constexpr Member shellName{"tool_name", Fixed{"Bash"}};
+constexpr Member shellCommand{"tool_input", shellInput};
+constexpr Member serverTool{"tool_name", serverToolName};
+constexpr Member serverInput{"tool_input", serverToolInput};
+constexpr Member prompt{"prompt", Copied{"prompt"}};
+constexpr Member task{"task", Copied{"task"}};
+constexpr Member answerText{"message", Copied{"text"}};
 
-constexpr EventMapping::Member ofType(std::string_view notificationType) {
-  return fixed("notification_type", notificationType);
+constexpr Member message(std::string_view text) {
+  return {"message", Fixed{text}};
+}
+constexpr Member ofType(std::string_view notificationType) {
+  return {"notification_type", Fixed{notificationType}};
 }
 
 constexpr auto mapping = std::to_array<EventMapping::Row>({
@@ -45,32 +57,21 @@ constexpr auto mapping = std::to_array<EventMapping::Row>({
     {{"beforeMCPExecution"}, "PreToolUse", {serverTool, serverInput}},
     {{"postToolUse"}, "PostToolUse", {toolName, toolInput, duration}},
     {{"afterShellExecution"}, "PostToolUse", {shellName, shellCommand}},
-    {{"beforeSubmitPrompt"}, "UserPromptSubmit", {copied("prompt", "prompt")}},
-    {{"afterAgentResponse"}, "Notification", {copied("message", "text"), ofType("assistant_response")}},
-    {{"subagentStart"}, "SubagentStart", {copied("task", "task")}},
+    {{"beforeSubmitPrompt"}, "UserPromptSubmit", {prompt}},
+    {{"afterAgentResponse"}, "Notification", {answerText, ofType("assistant_response")}},
+    {{"subagentStart"}, "SubagentStart", {task}},
     {{"subagentStop"}, "SubagentStop"},
     {{"preCompact"}, "PreCompact"},
-    {{"stop"}, "Notification", {fixed("message", "turn complete"), ofType("turn_stop")}},
-    {{"sessionEnd"}, "Notification", {fixed("message", "session ended"), ofType("session_end")}},
+    {{"stop"}, "Notification", {message("turn complete"), ofType("turn_stop")}},
+    {{"sessionEnd"}, "Notification", {message("session ended"), ofType("session_end")}},
 });
 
 constexpr Log::Category logger{"hook.cursor"};
-constexpr HookFile::File hookFile{".cursor/hooks.json", "Cursor", logger};
+constexpr HookFile::File hookFile{".cursor/hooks.json", "Cursor", " --app cursor --profile cursor", logger};
 
-constexpr std::array<std::string_view, 12> registeredEvents{
-    "sessionStart",
-    "beforeSubmitPrompt",
-    "preToolUse",
-    "postToolUse",
-    "beforeShellExecution",
-    "afterShellExecution",
-    "beforeMCPExecution",
-    "afterAgentResponse",
-    "subagentStart",
-    "subagentStop",
-    "stop",
-    "sessionEnd",
-};
+constexpr std::string_view registeredEvents =
+    "sessionStart beforeSubmitPrompt preToolUse postToolUse beforeShellExecution afterShellExecution "
+    "beforeMCPExecution afterAgentResponse subagentStart subagentStop stop sessionEnd";
 
 std::string workingDirectory(const Json::Object& raw) {
   if (const auto directory = raw.optionalText("cwd")) return *directory;
@@ -138,27 +139,22 @@ NormalizedEvent normalize(const Json::Object& raw) {
 AgentAnswer render(const Outcome& outcome, std::string_view cursorEvent) {
   const bool isPrompt = cursorEvent == "beforeSubmitPrompt";
   const auto body = std::visit([&](const auto& decided) { return answer(decided, isPrompt); }, outcome);
-  return {Json(body).compact(), 0};
+  return {Json(body).compact()};
 }
 
 bool install(const std::string& binaryPath) {
-  if (!HookFile::accepts(hookFile, binaryPath)) return false;
-  const std::string command = "'" + binaryPath + "' --app cursor --profile cursor";
-
+  const auto command = HookFile::command(hookFile, binaryPath);
+  if (!command) return false;
   Json::Object hooks;
   if (HookFile::exists(hookFile)) {
     const auto text = HookFile::read(hookFile);
-    Kept kept = text ? keepOthers(*text, command) : Kept{{}, false};
+    Kept kept = text ? keepOthers(*text, *command) : Kept{{}, false};
     if (!kept.whole && !HookFile::backUp(hookFile, text)) return false;
     hooks = std::move(kept.hooks);
   }
-  for (const std::string_view event : registeredEvents) {
-    Json::Array entries = hooks.list(event);
-    entries.push_back(Json::Object{{"command", command}});
-    hooks.set(event, std::move(entries));
-  }
-  const Json file = Json::Object{{"version", 1}, {"hooks", std::move(hooks)}};
-  return HookFile::replace(hookFile, file.pretty());
+  hooks = HookFile::registered(std::move(hooks), registeredEvents, Json::Object{{"command", *command}});
+  const Json::Object file{{"version", 1}, {"hooks", std::move(hooks)}};
+  return HookFile::replace(hookFile, Json(file).pretty());
 }
 
 }  // namespace CursorAdapter

@@ -7,26 +7,22 @@
 namespace EventMapping {
 namespace {
 
-Json substitute(Missing missing) {
-  switch (missing) {
-    case Missing::emptyObject:
-      return Json::Object{};
-    case Missing::zero:
-      return 0;
-    case Missing::emptyText:
-      break;
-  }
-  return "";
+Json valueOf(const Copied& copied, const Json::Object& raw) {
+  return valueOr(raw, copied.source, "");
 }
-
-Json valueOf(const Member& member, const Json::Object& raw) {
-  if (member.derived) return member.derived(raw);
-  if (member.source.empty()) return member.text;
-  const Json* found = raw.find(member.source);
-  return found ? *found : substitute(member.missing);
+Json valueOf(const Fixed& fixed, const Json::Object&) {
+  return fixed.text;
+}
+Json valueOf(Derived derived, const Json::Object& raw) {
+  return derived(raw);
 }
 
 }  // namespace
+
+Json valueOr(const Json::Object& raw, std::string_view key, Json missing) {
+  const Json* value = raw.find(key);
+  return value ? *value : std::move(missing);
+}
 
 NormalizedEvent apply(std::span<const Row> table, std::string_view event, const Json::Object& raw,
                       Json::Object common) {
@@ -40,8 +36,10 @@ NormalizedEvent apply(std::span<const Row> table, std::string_view event, const 
     return {"Notification", std::move(common)};
   }
   common.set("hook_event_name", row->hookEventName);
-  for (const Member& member : row->members) {
-    if (!member.key.empty()) common.set(member.key, valueOf(member, raw));
+  for (const auto& member : row->members) {
+    if (!member) continue;
+    common.set(member->key,
+               std::visit([&](const auto& value) { return valueOf(value, raw); }, member->value));
   }
   return {std::string(row->hookEventName), std::move(common)};
 }

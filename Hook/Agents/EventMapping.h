@@ -3,40 +3,38 @@
 #pragma once
 
 #include <array>
+#include <optional>
 #include <span>
 #include <string_view>
+#include <variant>
 
 #include "Hook/Agents/AgentDialect.h"
 
 namespace EventMapping {
 
-// What stands for a member to copy that is missing.
-enum class Missing { emptyText, emptyObject, zero };
-
-// One member of the translated event.
-struct Member {
-  std::string_view key{};     // empty: none
-  std::string_view source{};  // the member to copy its value from, whatever the type
-  Missing missing{};
-  std::string_view text{};                             // the value, where it is the same for every event
-  Json (*derived)(const Json::Object& raw) = nullptr;  // the value, where it takes more than copying
+// Where a member's value comes from: another member, whatever its type (the empty string when it is missing);
+// the table; a function.
+struct Copied {
+  std::string_view source;
 };
+struct Fixed {
+  std::string_view text;
+};
+using Derived = Json (*)(const Json::Object& raw);
 
-constexpr Member copied(std::string_view key, std::string_view source, Missing missing = Missing::emptyText) {
-  return {.key = key, .source = source, .missing = missing};
-}
-constexpr Member fixed(std::string_view key, std::string_view text) {
-  return {.key = key, .text = text};
-}
-constexpr Member derived(std::string_view key, Json (*value)(const Json::Object& raw)) {
-  return {.key = key, .derived = value};
-}
+struct Member {
+  std::string_view key;
+  std::variant<Copied, Fixed, Derived> value;
+};
 
 struct Row {
   std::array<std::string_view, 3> names;  // the agent's names for the event; empty: none
   std::string_view hookEventName;
-  std::array<Member, 3> members{};
+  std::array<std::optional<Member>, 3> members{};
 };
+
+// The member's value, whatever its type; `missing` when there is none.
+Json valueOr(const Json::Object& raw, std::string_view key, Json missing);
 
 // The translation of `raw`, whose name is `event`: `common`, the name from the row of `table`, its members.
 NormalizedEvent apply(std::span<const Row> table, std::string_view event, const Json::Object& raw,

@@ -1,18 +1,14 @@
 #include "Hook/Agents/HookFile.h"
 
-#include <filesystem>
-#include <system_error>
-
 #include "Platform/Files.h"
 #include "Platform/Paths.h"
-#include "Platform/Process.h"
+#include "Platform/Text.h"
 
 namespace HookFile {
 namespace {
 
 constexpr std::string_view executableName = "quib-hook";
 constexpr std::string_view notRegular = "it is not a regular file";
-constexpr int maxLinks = 40;
 constexpr int maxBackups = 100;
 
 // Empty, which no file's path is, when there is no home directory.
@@ -20,28 +16,31 @@ std::string path(const File& file) {
   return Paths::inHome(file.place).value_or("");
 }
 
-// Where the file really is, also when the last link of a chain leads to a file that is yet to be created; a
-// link when they lead in a circle.
-std::string target(const File& file) {
-  std::filesystem::path at = path(file);
-  std::error_code error;
-  for (int links = 0; links < maxLinks && std::filesystem::is_symlink(at, error); ++links) {
-    at = at.parent_path() / std::filesystem::read_symlink(at, error);
-  }
-  return at.string();
+// Why no command line can name the executable; empty when one can.
+std::string_view obstacle(const std::string& binaryPath) {
+  if (binaryPath.empty()) return "the path of this executable is unknown";
+  if (Text::contains(binaryPath, "'")) return "the path of this executable contains a single quote";
+  const auto written = Json::parse(Json(binaryPath).compact());
+  return written == Json(binaryPath) ? "" : "the path of this executable is not UTF-8";
 }
 
 }  // namespace
 
-bool accepts(const File& file, const std::string& binaryPath) {
-  if (Process::home().empty()) return refuse(file, "there is no home directory");
-  if (binaryPath.empty()) return refuse(file, "the path of this executable is unknown");
-  if (binaryPath.find('\'') != std::string::npos) {
-    return refuse(file, "the path of this executable contains a single quote");
+std::optional<std::string> command(const File& file, const std::string& binaryPath) {
+  const std::string_view why = path(file).empty() ? "there is no home directory" : obstacle(binaryPath);
+  if (why.empty()) return "'" + binaryPath + "'" + std::string(file.options);
+  refuse(file, why);
+  return std::nullopt;
+}
+
+Json::Object registered(Json::Object hooks, std::string_view events, const Json& entry) {
+  while (!events.empty()) {
+    const std::string_view event = Text::takePart(events, " ");
+    Json::Array entries = hooks.list(event);
+    entries.push_back(entry);
+    hooks.set(event, std::move(entries));
   }
-  const auto written = Json::parse(Json(binaryPath).compact());
-  if (written != Json(binaryPath)) return refuse(file, "the path of this executable is not UTF-8");
-  return true;
+  return hooks;
 }
 
 bool exists(const File& file) {
@@ -53,8 +52,8 @@ std::optional<std::string> read(const File& file) {
 }
 
 bool backUp(const File& file, const std::optional<std::string>& text) {
-  const std::string place = target(file);
-  const auto mode = Files::mode(place);
+  const auto place = Files::endOfLinks(path(file));
+  const auto mode = place ? Files::mode(*place) : std::nullopt;
   if (!mode) return refuse(file, notRegular);
   const std::string first = path(file) + ".bak";
   std::string copy = first;
@@ -62,19 +61,17 @@ bool backUp(const File& file, const std::optional<std::string>& text) {
     if (number > maxBackups) return refuse(file, "too many backups of it are kept");
     copy = first + "." + std::to_string(number);
   }
-  const auto error = text ? Files::write(copy, *text, *mode) : Files::move(place, copy);
+  const auto error = text ? Files::write(copy, *text, *mode) : Files::move(*place, copy);
   return !error || refuse(file, "the present file cannot be backed up: " + error.message());
 }
 
 bool replace(const File& file, std::string_view text) {
-  const std::string place = target(file);
-  const auto mode = Files::mode(place);
-  if (!mode && Files::exists(place)) return refuse(file, notRegular);
-  std::error_code error;
-  if (std::filesystem::is_symlink(place, error)) return refuse(file, "Too many levels of symbolic links");
-
-  Files::makeDirectories(place.substr(0, place.rfind('/')));
-  error = Files::write(place, text, mode.value_or(0600) | 0400);
+  const auto place = Files::endOfLinks(path(file));
+  if (!place) return refuse(file, "Too many levels of symbolic links");
+  const auto mode = Files::mode(*place);
+  if (!mode && Files::exists(*place)) return refuse(file, notRegular);
+  Files::makeDirectories(place->substr(0, place->rfind('/')));
+  const auto error = Files::write(*place, text, mode.value_or(0600) | 0400);
   if (error) return refuse(file, error.message());
   file.logger.info("installed " + std::string(file.agent) + " hooks at " + path(file));
   return true;

@@ -13,14 +13,18 @@
 namespace HookFile {
 
 struct File {
-  std::string_view place;  // below the home directory
-  std::string_view agent;  // the agent's name in messages
-  Log::Category logger;    // of the agent's namespace
+  std::string_view place;    // below the home directory
+  std::string_view agent;    // the agent's name in messages
+  std::string_view options;  // for the hook that the agent is to start
+  Log::Category logger;      // of the agent's namespace
 };
 
-// Whether a command line can name the executable in single quotes and there is a home directory; logged if
-// not.
-bool accepts(const File& file, const std::string& binaryPath);
+// The command line for the file: the executable in single quotes and the options. Absent, and logged, when
+// no command line can name the executable or there is no home directory.
+std::optional<std::string> command(const File& file, const std::string& binaryPath);
+
+// `hooks` with the entry at the end of the list of each of these events, which blanks separate.
+Json::Object registered(Json::Object hooks, std::string_view events, const Json& entry);
 
 bool exists(const File& file);
 
