@@ -84,7 +84,7 @@ std::string workingDirectory(const Json::Object& raw) {
 // ours.
 struct Kept {
   Json::Object hooks;
-  bool whole = true;
+  bool whole;
 };
 
 Kept keepOthers(std::string_view text, std::string_view command) {

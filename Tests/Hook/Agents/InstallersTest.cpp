@@ -32,10 +32,8 @@ Json::Object hooksIn(const std::string& path) {
 }
 
 struct Agent {
-  const char* name;
+  std::string app, name, place;
   bool (*install)(const std::string& binaryPath);
-  std::string place;
-  std::string category;
   const char* file;    // without the hooks
   const char* entry;   // "@": the executable
   const char* events;  // "*": of tools, their entries match every tool
@@ -51,43 +49,43 @@ struct Agent {
       hooks.set(event.substr(0, event.find('*')), Json::Array{own});
     }
     content.set("hooks", std::move(hooks));
-    return Json(content).pretty();
+    return Json(content).pretty() + (app == "claude" ? "\n" : "");
   }
 
   std::string failed(const std::string& why) const {
-    return "error " + category + " failed to write ~" + place + ": " + why;
+    return "error hook." + app + " failed to write ~" + place + ": " + why;
   }
 };
 
-const Agent cursor{"Cursor",
-                   CursorAdapter::install,
+const char* cursorEvents = R"(sessionStart beforeSubmitPrompt preToolUse postToolUse beforeShellExecution
+  afterShellExecution beforeMCPExecution afterAgentResponse subagentStart subagentStop stop sessionEnd)";
+const char* copilotEvents = R"(sessionStart userPromptSubmitted preToolUse postToolUse postToolUseFailure
+  subagentStart subagentStop agentStop sessionEnd notification)";
+const char* claudeEvents = R"(ConfigChange CwdChanged Elicitation ElicitationResult FileChanged Notification
+  InstructionsLoaded PermissionDenied* PermissionRequest* PostCompact PostToolUse* PostToolUseFailure*
+  PreCompact PreToolUse* SessionEnd SessionStart Stop StopFailure SubagentStart SubagentStop TaskCompleted
+  TaskCreated TeammateIdle UserPromptSubmit WorktreeRemove)";
+const Agent cursor{"cursor",
+                   "Cursor",
                    "/.cursor/hooks.json",
-                   "hook.cursor",
+                   CursorAdapter::install,
                    R"({"version":1})",
                    R"({"command":"'@' --app cursor --profile cursor"})",
-                   R"(
-    sessionStart beforeSubmitPrompt preToolUse postToolUse beforeShellExecution afterShellExecution
-    beforeMCPExecution afterAgentResponse subagentStart subagentStop stop sessionEnd)"};
-const Agent copilot{"Copilot",
-                    CopilotAdapter::install,
+                   cursorEvents};
+const Agent copilot{"copilot",
+                    "Copilot",
                     "/.copilot/hooks/obrisk.json",
-                    "hook.copilot",
+                    CopilotAdapter::install,
                     R"({"version":1,"disableAllHooks":false})",
                     R"({"type":"command","command":"'@' --app copilot --profile copilot"})",
-                    R"(
-    sessionStart userPromptSubmitted preToolUse postToolUse postToolUseFailure subagentStart subagentStop
-    agentStop sessionEnd notification)"};
-const Agent claude{"Claude Code",
-                   ClaudeInstaller::install,
+                    copilotEvents};
+const Agent claude{"claude",
+                   "Claude Code",
                    "/.claude/settings.json",
-                   "hook.claude",
+                   ClaudeInstaller::install,
                    "{}",
                    R"({"hooks":[{"type":"command","command":"'@'","timeout":1320}]})",
-                   R"(
-    ConfigChange CwdChanged Elicitation ElicitationResult FileChanged InstructionsLoaded Notification
-    PermissionDenied* PermissionRequest* PostCompact PostToolUse* PostToolUseFailure* PreCompact PreToolUse*
-    SessionEnd SessionStart Stop StopFailure SubagentStart SubagentStop TaskCompleted TaskCreated TeammateIdle
-    UserPromptSubmit WorktreeRemove)"};
+                   claudeEvents};
 const Agent agents[] = {cursor, copilot, claude};
 
 // The last diagnostics record.
@@ -103,13 +101,13 @@ TEST(Installers, RegisterTheirEventsOnce) {
     for (const std::string executable : {binary.c_str(), "/opt/guard"}) {
       Sandbox sandbox;
       const fs::path path = agent.path(sandbox);
-      if (agent.name == copilot.name) sandbox.write(path, R"({"version":3,"hooks":5,"note":1})");
+      if (agent.app == "copilot") sandbox.write(path, R"({"version":3,"hooks":5,"note":1})");
       for (int time = 0; time < 2; ++time) {
         ASSERT_TRUE(agent.install(executable)) << agent.name;
-        EXPECT_EQ(contentOf(path), agent.fresh(executable) + (agent.name == claude.name ? "\n" : ""));
+        EXPECT_EQ(contentOf(path), agent.fresh(executable));
       }
       EXPECT_EQ(lastRecord(sandbox),
-                "default " + agent.category + " installed " + agent.name + " hooks at " + path.string());
+                "default hook." + agent.app + " installed " + agent.name + " hooks at " + path.string());
       EXPECT_EQ(Files::mode(path), 0600u) << agent.name;
       EXPECT_EQ(Files::list(path.parent_path()), std::vector<std::string>{path.filename()}) << agent.name;
     }
@@ -146,7 +144,7 @@ d=$PWD; cd ..; rmdir "$d"; echo a file > "$d" ¦ Not a directory
       fs::create_directories(folder);
       shell("cd '" + folder.string() + "'; f=" + path.filename().string() + "; " + row[0]);
       const std::string kept = shell("ls -lAR '" + folder.string() + "'");
-      const bool isRead = agent.name == claude.name && Files::exists(path);
+      const bool isRead = agent.app == "claude" && Files::exists(path);
       EXPECT_FALSE(agent.install(binary)) << agent.name << ": " << row[0];
       EXPECT_EQ(lastRecord(sandbox), agent.failed(isRead ? "the present file cannot be read" : row[1]));
       EXPECT_EQ(shell("ls -lAR '" + folder.string() + "'"), kept) << agent.name << ": " << row[0];
@@ -176,7 +174,7 @@ TEST(Installers, KeepTheModeOfTheFileAndTheLinkToIt) {
 TEST(Installers, LoseNothingThatTheyMayNotRead) {
   for (const Agent& agent : agents) {
     Sandbox sandbox;
-    const bool installs = agent.name != claude.name, keeps = agent.name != copilot.name;
+    const bool installs = agent.app != "claude", keeps = agent.app != "copilot";
     const std::string path = agent.path(sandbox), kept = path + (installs && keeps ? ".bak" : "");
     sandbox.write(path, "{\"mine\":1}");
     fs::permissions(path, fs::perms::none);
