@@ -8,6 +8,24 @@ Descriptor::~Descriptor() {
   if (valid()) ::close(descriptor_);
 }
 
+ssize_t readAt(int descriptor, char* bytes, std::size_t size, std::size_t position) {
+  return uninterrupted([&] { return ::pread(descriptor, bytes, size, static_cast<off_t>(position)); });
+}
+
+std::optional<std::string> contentOf(const Descriptor& file, std::size_t size) {
+  std::string content;
+  content.resize(size);
+  std::size_t filled = 0;
+  while (filled < size) {
+    const ssize_t count = readAt(file.get(), content.data() + filled, size - filled, filled);
+    if (count < 0) return std::nullopt;
+    if (count == 0) break;  // truncated meanwhile
+    filled += static_cast<std::size_t>(count);
+  }
+  content.resize(filled);
+  return content;
+}
+
 bool writeAll(int descriptor, std::string_view bytes) {
   while (!bytes.empty()) {
     const ssize_t count = uninterrupted([&] { return ::write(descriptor, bytes.data(), bytes.size()); });
@@ -27,8 +45,8 @@ const char* cPath(const std::string& path) {
   return path.find('\0') == path.npos ? path.c_str() : "";
 }
 
-Descriptor openForReading(const std::string& path) {
-  return Descriptor(::open(cPath(path), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+Descriptor openForReading(const std::string& path, int more) {
+  return Descriptor(::open(cPath(path), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | more));
 }
 
 std::optional<struct stat> regularFile(const Descriptor& file) {

@@ -30,6 +30,12 @@ auto uninterrupted(auto call) {
   return result;
 }
 
+// As `pread`, never interrupted.
+ssize_t readAt(int descriptor, char* bytes, std::size_t size, std::size_t position);
+
+// The first `size` bytes, fewer when the file ends before; absent when reading fails.
+std::optional<std::string> contentOf(const Descriptor& file, std::size_t size);
+
 // Writes all bytes, waiting where the descriptor does not; false at the first error.
 bool writeAll(int descriptor, std::string_view bytes);
 
@@ -37,8 +43,8 @@ bool writeAll(int descriptor, std::string_view bytes);
 // and is never found.
 const char* cPath(const std::string& path);
 
-// Opens without ever waiting for a FIFO's other end.
-Descriptor openForReading(const std::string& path);
+// Opens without ever waiting for a FIFO's other end; `more` are further flags of open(2).
+Descriptor openForReading(const std::string& path, int more = 0);
 
 // Absent when opening has failed or what was opened is no regular file.
 std::optional<struct stat> regularFile(const Descriptor& file);

@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "Platform/Descriptor.h"
 
@@ -24,24 +25,6 @@ namespace {
 
 std::error_code lastError() {
   return {errno, std::generic_category()};
-}
-
-ssize_t readAt(int descriptor, char* bytes, std::size_t size, std::size_t position) {
-  return uninterrupted([&] { return ::pread(descriptor, bytes, size, static_cast<off_t>(position)); });
-}
-
-std::optional<std::string> contentOf(const Descriptor& file, std::size_t size) {
-  std::string content;
-  content.resize(size);
-  std::size_t filled = 0;
-  while (filled < size) {
-    const ssize_t count = readAt(file.get(), content.data() + filled, size - filled, filled);
-    if (count < 0) return std::nullopt;
-    if (count == 0) break;  // truncated meanwhile
-    filled += static_cast<std::size_t>(count);
-  }
-  content.resize(filled);
-  return content;
 }
 
 bool endsTorn(const Descriptor& file) {
@@ -165,20 +148,25 @@ bool forEachLine(const std::string& path, std::int64_t offset,
   Chunks chunks(file.get(), startOf(*attributes, offset), static_cast<std::size_t>(attributes->st_size));
   std::string_view unread;
   std::size_t searched = 0;  // of `unread`, without finding a line's end
+  bool tooLong = false;      // the line that `unread` is the end of
   for (;;) {
     const std::size_t end = lineEnd(unread, searched);
     if (end != unread.npos) {
-      if (!visit(unread.substr(0, end))) return true;
+      if (!std::exchange(tooLong, false) && !visit(unread.substr(0, end))) return true;
       unread.remove_prefix(end + 1);
       searched = 0;
       continue;
+    }
+    if (unread.size() > longestLine) {
+      tooLong = true;
+      unread.remove_prefix(unread.size() - 1);  // what follows a carriage return is not a line's end
     }
     searched = unread.size();
     unread = chunks.more(unread);
     if (chunks.failed()) return false;
     if (unread.size() == searched) break;
   }
-  visit(unread);
+  if (!tooLong) visit(unread);
   return true;
 }
 
@@ -209,8 +197,9 @@ std::error_code write(const std::string& path, std::string_view bytes, unsigned 
 
 std::error_code save(const std::string& path, std::string_view bytes) {
   const std::string next = path + ".tmp";
-  const std::error_code error = write(next, bytes);
-  return error ? error : move(next, path);
+  if (const std::error_code error = write(next, bytes)) return error;
+  const std::error_code error = move(next, path);
+  return error == std::errc::no_such_file_or_directory ? std::error_code() : error;
 }
 
 std::error_code move(const std::string& from, const std::string& to) {
@@ -261,6 +250,17 @@ std::error_code makeDirectories(const std::string& path) {
   }
   // Somebody else may have made it meanwhile.
   return isDirectory() ? std::error_code() : error;
+}
+
+Directory claimDirectory(const std::string& path) {
+  const Descriptor directory = openForReading(path, O_DIRECTORY | O_NOFOLLOW);
+  struct stat attributes;
+  if (!directory.valid()) return errno == ENOENT ? Directory::missing : Directory::foreign;
+  if (::fstat(directory.get(), &attributes) != 0 || attributes.st_uid != ::geteuid()) return Directory::foreign;
+  constexpr mode_t others = S_IWGRP | S_IWOTH;
+  const bool closed = (attributes.st_mode & others) == 0 ||
+                      ::fchmod(directory.get(), attributes.st_mode & 07777 & ~others) == 0;
+  return closed ? Directory::own : Directory::foreign;
 }
 
 std::vector<std::string> list(const std::string& directory) {

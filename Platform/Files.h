@@ -18,10 +18,12 @@ namespace Files {
 std::optional<std::string> read(const std::string& path);
 
 // Calls `visit` with each line from byte `offset` on (from the start when it is negative or beyond the end),
-// in one snapshot of the size, until `visit` returns false. No more than a line is held in memory. Lines end
+// in one snapshot of the size, until `visit` returns false. No more than a line is held in memory, and one
+// that is longer than `longestLine` is passed over without being held. Lines end
 // at every line feed that is a character of its own (one behind a carriage return is not) and come without
 // it; the last one is what stands behind the last such line feed, empty or not. False when the file is
 // missing, no regular file, or fails to read.
+inline constexpr std::size_t longestLine = 64 * 1024 * 1024;
 bool forEachLine(const std::string& path, std::int64_t offset,
                  const std::function<bool(std::string_view line)>& visit);
 
@@ -40,6 +42,7 @@ std::error_code write(const std::string& path, std::string_view bytes, unsigned 
 
 // Writes `path` with ".tmp" appended, then moves it to `path`. So a content that cannot be put in place is
 // not lost, as it would be by a `write` to `path` itself: it stays, whole, in the file ".tmp".
+// What another process that saves the same file has moved away first is in place, too.
 std::error_code save(const std::string& path, std::string_view bytes);
 
 // Renames `from` to `to`, replacing it in one step.
@@ -59,6 +62,12 @@ std::optional<std::string> endOfLinks(std::string path);
 
 // Creates `path` and its missing parents, each with mode 0700. No error when it is there already.
 std::error_code makeDirectories(const std::string& path);
+
+enum class Directory { missing, own, foreign };
+
+// Whose the directory at `path` is: our own when it is one, not a link to one, of the effective user, and
+// nobody else may write to it; who may is first denied it. `missing` when nothing is there.
+Directory claimDirectory(const std::string& path);
 
 // The names in a directory, sorted by bytes, without "." and ".."; empty when it cannot be listed.
 std::vector<std::string> list(const std::string& directory);

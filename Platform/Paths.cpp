@@ -54,6 +54,13 @@ std::optional<std::string> inHome(std::string_view place) {
   return home.append("/").append(place);
 }
 
+bool staysBelow(std::string_view path) {
+  if (path.starts_with('/')) return false;
+  while (!path.empty())
+    if (Text::takePart(path, "/") == "..") return false;
+  return true;
+}
+
 std::string expandTilde(std::string_view path) {
   if (!path.starts_with('~')) return std::string(path);
   const std::size_t end = std::min(path.find('/'), path.size());

@@ -10,6 +10,10 @@ namespace Paths {
 // The path of what lies at `place` below the current user's home directory; absent when that is unknown.
 std::optional<std::string> inHome(std::string_view place);
 
+// Whether a relative path leads to what lies below the directory that it is taken from, whatever is linked
+// there: it does not begin with "/" and has no component "..".
+bool staysBelow(std::string_view path);
+
 // A lone leading tilde, or one before "/", stands for the current user's home directory, one before a user
 // name for that user's. An unknown user's tilde stays.
 std::string expandTilde(std::string_view path);

@@ -96,6 +96,10 @@ std::optional<std::string> homeOf(const std::string& user) {
   return homeInDatabase([&](auto... arguments) { return ::getpwnam_r(user.c_str(), arguments...); });
 }
 
+unsigned user() {
+  return ::geteuid();
+}
+
 int id() {
   return ::getpid();
 }

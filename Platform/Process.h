@@ -24,6 +24,9 @@ std::optional<std::string> homeOf(const std::string& user);
 
 int id();
 
+// The effective user.
+unsigned user();
+
 // The path of the running executable with symbolic links resolved; empty when the system does not tell.
 std::string executable();
 

@@ -1,13 +1,13 @@
 #include "Shared/DeviceIdentity.h"
 
-#include "Platform/Files.h"
+#include "Platform/SmallFile.h"
 #include "Platform/Http/Url.h"
 #include "Platform/Json/Json.h"
 
 namespace DeviceIdentity {
 
 std::optional<Resolved> resolve(const std::string& process, const std::string& file) {
-  const auto content = Files::read(file);
+  const auto content = SmallFile::read(file);
   const auto identity = content ? Json::parseObject(*content) : std::nullopt;
   if (!identity) return std::nullopt;
   const std::string& token = identity->text("device_token");

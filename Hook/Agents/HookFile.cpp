@@ -2,6 +2,7 @@
 
 #include "Platform/Files.h"
 #include "Platform/Paths.h"
+#include "Platform/SmallFile.h"
 #include "Platform/Text.h"
 
 namespace HookFile {
@@ -48,7 +49,7 @@ bool exists(const File& file) {
 }
 
 std::optional<std::string> read(const File& file) {
-  return Files::read(path(file));
+  return SmallFile::read(path(file));
 }
 
 bool backUp(const File& file, const std::optional<std::string>& text) {

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "Platform/Files.h"
+#include "Platform/SmallFile.h"
 #include "Platform/Json/Utf8.h"
 #include "Platform/Paths.h"
 #include "Platform/Process.h"
@@ -85,7 +85,7 @@ std::string failDefault(const std::string& fromProfile) {
 ObriskHookConfig::Profiles ObriskHookConfig::parseConfigFile() {
   Profiles profiles;
   const auto path = Paths::inHome(".obrisk/config");
-  const auto content = path ? Files::read(*path) : std::nullopt;
+  const auto content = path ? SmallFile::read(*path) : std::nullopt;
   if (!content || !Utf8::isValid(*content)) return profiles;
   std::map<std::string, std::string>* section = nullptr;
   for (std::string_view rest = *content; !rest.empty();) {

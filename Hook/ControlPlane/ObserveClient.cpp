@@ -123,6 +123,7 @@ std::optional<Json::Object> ObserveClient::post(const std::string& path, Json::O
     const auto answer = doPostOnce(url, text);
     ActivityLog::record("POST", url, answer.status, elapsedSince(start),
                         static_cast<std::int64_t>(answer.body.size()), summary, answer.error);
+    lastStatus = answer.status;
     const int kind = answer.status / 100;
     if (kind == 2) return Json::parseObject(answer.body).value_or(Json::Object{});
     if (kind == 4 || attempt >= maxAttempts) return std::nullopt;

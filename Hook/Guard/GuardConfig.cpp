@@ -72,4 +72,5 @@ void GuardConfig::apply(const Json::Object& members) {
   apply("warn_file_changes", warn_file_changes);
   apply("detect_file_conflicts", detect_file_conflicts);
   apply("infra_file_patterns", infra_file_patterns);
+  apply("guard_without_run", guard_without_run);
 }

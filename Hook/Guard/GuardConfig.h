@@ -25,6 +25,7 @@ struct GuardConfig {
   std::int64_t warn_file_changes = 20;  // below 1: no warning
   bool detect_file_conflicts = true;
   std::vector<std::string> infra_file_patterns;  // globs
+  bool guard_without_run = false;                // of a project's file, it means nothing
 
   // The built-in configuration: the default lists, and the values above.
   static const GuardConfig& defaults();

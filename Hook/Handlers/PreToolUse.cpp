@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <exception>
 
 #include "Hook/Guard/HookHandler.h"
 #include "Hook/Guard/RuleEvaluator.h"
@@ -20,6 +21,16 @@ constexpr PolicyAnswer warned{"policy_warn", "Policy warning", "Policy warning: 
 // The file that the call is to write; empty for every other call.
 std::string writtenFile(const std::string& toolName, const Json::Object& toolInput) {
   return toolName == "Write" || toolName == "Edit" ? toolInput.text("file_path") : "";
+}
+
+// What the rules say; a question when they fail, as for lack of memory.
+Verdict checked(const std::string& toolName, const Json::Object& toolInput, const GuardConfig& config,
+                const std::string& cwd) {
+  try {
+    return RuleEvaluator::checkToolUse(toolName, toolInput, config, cwd);
+  } catch (const std::exception&) {
+    return {Verdict::Action::warn, "Tool call '" + toolName + "' (cannot be checked)", "unchecked"};
+  }
 }
 
 std::optional<std::string> coworkConflict(const SessionState& state, const std::string& file) {
@@ -77,6 +88,11 @@ struct Gate {
     return std::nullopt;
   }
 
+  Outcome outcome() const {
+    if (violations.empty()) return Allow{};
+    return Ask{eventName, "Obrisk: " + violations};
+  }
+
   std::optional<Deny> checkPolicy() {
     if (!session.hasAgentSlug()) return std::nullopt;
     const auto result = session.checkPolicy("tool:" + toolName);
@@ -87,16 +103,29 @@ struct Gate {
   }
 };
 
+// A session without a run has nowhere to report to, and no policy of its own: the rules decide, and for the
+// policy the fail default.
+Outcome judgeWithoutRun(const Json::Object& data, const ObserveClient& client) {
+  const std::string& cwd = data.text("cwd");
+  Gate gate{{{}, client}, data.text("tool_name")};
+  const Verdict verdict = checked(gate.toolName, data.object("tool_input"), HookHandler::loadEffectiveConfig(cwd), cwd);
+  if (verdict.action == Verdict::Action::block) return Deny{eventName, "Obrisk guard: " + verdict.message};
+  if (verdict.action == Verdict::Action::warn) gate.add(verdict.message);
+  if (auto denied = gate.applyFailDefault()) return *denied;
+  return gate.outcome();
+}
+
 }  // namespace
 
 Outcome handlePreToolUse(const Json::Object& data, const ObserveClient& client) {
-  auto session = loadStarted(data, client);
-  if (!session) return Allow{};
+  auto session = loadStarted(data, client, Unsaved::kept);
+  if ((!session || !session->hasRecord) && !HookHandler::guardsWithoutRun()) return Allow{};
+  if (!session) return judgeWithoutRun(data, client);
   Gate gate{std::move(*session), data.text("tool_name")};
   const std::string& cwd = gate.session.state.cwd;
   const Json::Object& toolInput = data.object("tool_input");
   const GuardConfig config = HookHandler::loadEffectiveConfig(cwd);
-  const Verdict verdict = RuleEvaluator::checkToolUse(gate.toolName, toolInput, config, cwd);
+  const Verdict verdict = checked(gate.toolName, toolInput, config, cwd);
   switch (verdict.action) {
     case Verdict::Action::block:
       gate.session.emitGuardDecision(gate.toolName, {"deny", verdict.message, verdict.rule});
@@ -108,8 +137,7 @@ Outcome handlePreToolUse(const Json::Object& data, const ObserveClient& client) 
       gate.checkFileChange(config, writtenFile(gate.toolName, toolInput));
   }
   if (auto denied = gate.checkPolicy()) return *denied;
-  if (gate.violations.empty()) return Allow{};
-  return Ask{eventName, "Obrisk: " + gate.violations};
+  return gate.outcome();
 }
 
 }  // namespace EventRouter

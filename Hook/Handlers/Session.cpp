@@ -33,8 +33,22 @@ void sendStep(const Session& session, const std::string& name, Json::Object outp
   session.client.recordSteps(state.run_id, listOf(std::move(step)));
 }
 
-bool isStarted(const std::optional<SessionState>& state) {
-  return state && !state->run_id.empty();
+std::optional<Session> load(const std::string& sessionID, const Json::Object* lazyData,
+                            const ObserveClient& client, Unsaved unsaved) {
+  if (sessionID.empty()) return std::nullopt;
+  auto state = SessionStore::load(sessionID);
+  if (state && !state->run_id.empty()) {
+    Session session{std::move(*state), client};
+    session.refreshDailyRunIfStale();
+    return session;
+  }
+  if (!lazyData) return std::nullopt;
+  auto started = startSession(*lazyData, client);
+  state = SessionStore::load(sessionID);
+  if (state) return Session{std::move(*state), client};
+  if (!started || unsaved == Unsaved::dropped) return std::nullopt;
+  started->hasRecord = false;
+  return started;
 }
 
 }  // namespace
@@ -120,21 +134,11 @@ void Session::save() const {
 
 std::optional<Session> loadStateFresh(const std::string& sessionID, const Json::Object* lazyData,
                                       const ObserveClient& client) {
-  if (sessionID.empty()) return std::nullopt;
-  auto state = SessionStore::load(sessionID);
-  if (isStarted(state)) {
-    Session session{std::move(*state), client};
-    session.refreshDailyRunIfStale();
-    return session;
-  }
-  if (!lazyData) return std::nullopt;
-  handleSessionStart(*lazyData, client);
-  state = SessionStore::load(sessionID);
-  return state ? std::optional(Session{std::move(*state), client}) : std::nullopt;
+  return load(sessionID, lazyData, client, Unsaved::dropped);
 }
 
-std::optional<Session> loadStarted(const Json::Object& data, const ObserveClient& client) {
-  auto session = loadStateFresh(data.text("session_id"), &data, client);
+std::optional<Session> loadStarted(const Json::Object& data, const ObserveClient& client, Unsaved unsaved) {
+  auto session = load(data.text("session_id"), &data, client, unsaved);
   return session && !session->state.run_id.empty() ? std::move(session) : std::nullopt;
 }
 

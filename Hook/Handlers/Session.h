@@ -44,6 +44,7 @@ struct Span {
 struct Session {
   SessionState state;
   const ObserveClient& client;
+  bool hasRecord = true;  // false: it was started, and its record could not be saved
 
   bool isConfigured() const { return client.config.isConfigured(); }
   bool hasAgentSlug() const { return isConfigured() && !client.config.agentSlug.empty(); }
@@ -90,7 +91,14 @@ struct Session {
 std::optional<Session> loadStateFresh(const std::string& sessionID, const Json::Object* lazyData,
                                       const ObserveClient& client);
 
-// What every handler begins with: the event's session, started when it is unknown; absent when it has no run.
-std::optional<Session> loadStarted(const Json::Object& data, const ObserveClient& client);
+enum class Unsaved { dropped, kept };
+
+// What every handler begins with: the event's session, started when it is unknown; absent when it has no run,
+// and, if dropped, when it was started but its record could not be saved.
+std::optional<Session> loadStarted(const Json::Object& data, const ObserveClient& client,
+                                   Unsaved unsaved = Unsaved::dropped);
+
+// Starts the event's session, unless it has a run already. Absent when there is no run to have.
+std::optional<Session> startSession(const Json::Object& data, const ObserveClient& client);
 
 }  // namespace EventRouter

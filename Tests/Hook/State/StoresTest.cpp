@@ -108,7 +108,8 @@ TEST(SessionStore, ReportsWhatPreventedASave) {
   EXPECT_EQ(jsonLines(sandbox.diagnostics()).size(), 2u);
   state.session_id = "no/such/directory";
   EXPECT_TRUE(SessionStore::save(state));
-  EXPECT_EQ(jsonLines(sandbox.diagnostics()).size(), 2u) << "another process may have moved the file";
+  EXPECT_TRUE(SessionStore::save(state));
+  EXPECT_EQ(jsonLines(sandbox.diagnostics()).size(), 3u) << "said once";
 }
 
 TEST(SessionStore, CleansUpWhatWasNotTouchedForADay) {
