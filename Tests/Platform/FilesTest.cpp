@@ -85,12 +85,12 @@ TEST_F(FilesTest, SayWhenALineCannotBeRead) {
   GTEST_SKIP() << "the sanitizer reserves more memory than the limit";
 #endif
   sandbox.write(file, "");
-  fs::resize_file(file, std::uintmax_t(1) << 32);
+  fs::resize_file(file, Files::longestLine);
   EXPECT_TRUE(inChildProcess([&] {
-    const rlimit limit{std::size_t(1) << 29, std::size_t(1) << 29};
+    const rlimit limit{Files::longestLine / 2, Files::longestLine / 2};
     int visited = 0;
     const auto visit = [&](std::string_view) { return ++visited; };
-    return ::setrlimit(RLIMIT_AS, &limit) == 0 && !Files::forEachLine(file, 0, visit) && visited == 0;
+    return ::setrlimit(RLIMIT_DATA, &limit) == 0 && !Files::forEachLine(file, 0, visit) && visited == 0;
   }));
 }
 
