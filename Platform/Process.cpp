@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
-#include <pwd.h>
 #include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
@@ -16,9 +15,12 @@
 #include <cerrno>
 
 #include "Platform/Descriptor.h"
+#include "Platform/Files.h"
+#include "Platform/Text.h"
 
 #ifdef __APPLE__
 #include <mach-o/dyld.h>
+#include <pwd.h>
 #else
 #include <sys/prctl.h>
 #endif
@@ -29,6 +31,7 @@ namespace Process {
 
 namespace {
 
+#ifdef __APPLE__
 // The home directory in the user database, looked up by `find(entry, buffer, size, result)`.
 template <typename Find>
 std::optional<std::string> homeInDatabase(Find&& find) {
@@ -39,6 +42,37 @@ std::optional<std::string> homeInDatabase(Find&& find) {
     return std::nullopt;
   return found->pw_dir;
 }
+
+std::optional<std::string> homeByName(const std::string& user) {
+  return homeInDatabase([&](auto... arguments) { return ::getpwnam_r(user.c_str(), arguments...); });
+}
+
+std::optional<std::string> homeByID(uid_t user) {
+  return homeInDatabase([&](auto... arguments) { return ::getpwuid_r(user, arguments...); });
+}
+#else
+// The home directory in the first line of passwd(5) whose field of that index is `value`.
+std::optional<std::string> homeInDatabase(std::size_t field, std::string_view value) {
+  constexpr std::size_t home = 5;
+  const std::string users = Files::read("/etc/passwd").value_or("");
+  for (std::string_view rest = users; !value.empty() && !rest.empty();) {
+    auto line = Text::takePart(rest, "\n");
+    std::array<std::string_view, home + 1> fields;
+    for (auto& each : fields)
+      each = Text::takePart(line, ":");
+    if (fields[field] == value) return std::string(fields[home]);
+  }
+  return std::nullopt;
+}
+
+std::optional<std::string> homeByName(const std::string& user) {
+  return homeInDatabase(0, user);
+}
+
+std::optional<std::string> homeByID(uid_t user) {
+  return homeInDatabase(2, std::to_string(user));
+}
+#endif
 
 std::string readToEnd(int descriptor) {
   std::string input;
@@ -87,13 +121,12 @@ std::vector<std::pair<std::string, std::string>> environment() {
 }
 
 std::string home() {
-  if (const auto value = environment("HOME"); value && !value->empty()) return *value;
-  return homeInDatabase([](auto... arguments) { return ::getpwuid_r(::getuid(), arguments...); })
-      .value_or("");
+  if (auto value = environment("HOME"); value && !value->empty()) return *value;
+  return homeByID(::getuid()).value_or("");
 }
 
 std::optional<std::string> homeOf(const std::string& user) {
-  return homeInDatabase([&](auto... arguments) { return ::getpwnam_r(user.c_str(), arguments...); });
+  return homeByName(user);
 }
 
 unsigned user() {

@@ -16,7 +16,7 @@ std::optional<std::string> environment(const char* name);
 std::vector<std::pair<std::string, std::string>> environment();
 
 // The current user's home directory: HOME when it is set and not empty, else the user database's; empty when
-// neither tells.
+// neither tells. The database is /etc/passwd, without the plug-ins of the system (macOS: its own database).
 std::string home();
 
 // The home directory of the user of that name; absent when there is none.

@@ -3,7 +3,6 @@
 #include <dirent.h>
 #include <openssl/ssl.h>
 #include <openssl/x509v3.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <optional>
@@ -13,26 +12,18 @@
 
 #include "Platform/Files.h"
 #include "Platform/Http/CertificateFile.h"
+#include "Platform/Process.h"
 
 namespace Tls {
 
 namespace {
 
-// For systems without a directory of certificates named by their hashes.
-constexpr const char* bundles[] = {
-    "/etc/ssl/certs/ca-certificates.crt",
-    "/etc/pki/tls/certs/ca-bundle.crt",
-    "/etc/ssl/ca-bundle.pem",
-    "/etc/ssl/cert.pem",
-    "/opt/homebrew/etc/ca-certificates/cert.pem",
-};
-
 bool isHashedName(std::string_view name) {
   return name.size() == 10 && name.substr(8) == ".0" && name.find_first_not_of("0123456789abcdef") == 8;
 }
 
-bool hasHashedNames(const char* directory) {
-  DIR* stream = ::opendir(directory);
+bool hasHashedNames(const std::string& directory) {
+  DIR* stream = ::opendir(directory.c_str());
   if (!stream) return false;
   const dirent* entry;
   while ((entry = ::readdir(stream)) && !isHashedName(entry->d_name)) {
@@ -41,19 +32,16 @@ bool hasHashedNames(const char* directory) {
   return entry != nullptr;
 }
 
-const char* systemDirectory() {
-  for (const char* directory : {X509_get_default_cert_dir(), "/etc/ssl/certs", "/etc/pki/tls/certs",
-                                "/etc/pki/ca-trust/extracted/pem/directory-hash"}) {
-    if (hasHashedNames(directory)) return directory;
-  }
-  return nullptr;
+bool isReadable(const std::string& file) {
+  return ::access(file.c_str(), R_OK) == 0;
 }
 
-const char* systemBundle() {
-  for (const char* bundle : bundles) {
-    if (::access(bundle, R_OK) == 0) return bundle;
-  }
-  return nullptr;
+// The first of the paths below `root` that is one; empty when none is.
+template <typename Paths, typename Test>
+std::string firstOf(const Paths& paths, const std::string& root, Test&& isOne) {
+  for (const char* path : paths)
+    if (isOne(root + path)) return root + path;
+  return "";
 }
 
 struct LazyFile {
@@ -97,38 +85,47 @@ X509_LOOKUP_METHOD* fileMethod() {
   return method;
 }
 
-void trustFile(SSL_CTX* context, const char* path, Trust trust) {
+void trustFile(SSL_CTX* context, const std::string& path, Trust trust) {
   if (trust == Trust::whole) {
-    SSL_CTX_load_verify_file(context, path);
+    SSL_CTX_load_verify_file(context, path.c_str());
     return;
   }
   X509_LOOKUP* lookup = X509_STORE_add_lookup(SSL_CTX_get_cert_store(context), fileMethod());
   if (lookup) X509_LOOKUP_set_method_data(lookup, new LazyFile{path, std::nullopt});
 }
 
-struct Store {
-  const char* file;       // null or empty: none
-  const char* directory;  // null: none
-
-  bool hasFile() const { return file && *file; }
-};
-
-Store systemStore() {
-  const char* file = ::getenv(X509_get_default_cert_file_env());
-  const char* directory = ::getenv(X509_get_default_cert_dir_env());
-  if (!file || !directory) {
-    const char* hashed = systemDirectory();
-    if (!directory) directory = hashed;
-    if (!file && !hashed) file = systemBundle();
-  }
-  return {file, directory};
-}
-
 }  // namespace
+
+// The places of Debian, Fedora, SUSE, Alpine, macOS and their kin.
+Store systemStore(const std::string& root) {
+  const auto file = Process::environment(X509_get_default_cert_file_env());
+  const auto directory = Process::environment(X509_get_default_cert_dir_env());
+  if (file && directory) return {*file, *directory};
+  const char* directories[] = {
+      X509_get_default_cert_dir(),
+      "/etc/ssl/certs",
+      "/etc/pki/tls/certs",
+      "/etc/pki/ca-trust/extracted/pem/directory-hash",
+      "/var/lib/ca-certificates/openssl",
+  };
+  const char* bundles[] = {
+      "/etc/ssl/certs/ca-certificates.crt",
+      "/etc/pki/tls/certs/ca-bundle.crt",
+      "/etc/pki/ca-trust/extracted/pem/tls-ca-bundle.pem",
+      "/etc/ssl/ca-bundle.pem",
+      "/var/lib/ca-certificates/ca-bundle.pem",
+      "/etc/ssl/cert.pem",
+      "/opt/homebrew/etc/ca-certificates/cert.pem",
+      "/usr/local/etc/ca-certificates/cert.pem",
+  };
+  const std::string hashed = firstOf(directories, root, hasHashedNames);
+  const std::string bundle = hashed.empty() ? firstOf(bundles, root, isReadable) : "";
+  return {file.value_or(bundle), directory.value_or(hashed)};
+}
 
 ssl_ctx_st* newClientContext(Trust trust) {
   // The system's OpenSSL configuration is for other programs' needs (engines, providers) and may be broken.
-  // Nor is there anything to clean up at exit, when a name server may still be asked on another thread.
+  // Nor is there anything to clean up at the end of a process.
   // The table of ciphers by old names is for callers that use those; to fill it costs a tenth of a handshake.
   OPENSSL_init_ssl(OPENSSL_INIT_NO_LOAD_CONFIG | OPENSSL_INIT_NO_ATEXIT | OPENSSL_INIT_NO_ADD_ALL_CIPHERS,
                    nullptr);
@@ -139,8 +136,8 @@ ssl_ctx_st* newClientContext(Trust trust) {
   // What cannot be read is not trusted: verification tells. A file comes before a directory, as in OpenSSL's
   // own defaults.
   const Store store = systemStore();
-  if (store.hasFile()) trustFile(context, store.file, trust);
-  if (store.directory) SSL_CTX_load_verify_dir(context, store.directory);
+  if (!store.file.empty()) trustFile(context, store.file, trust);
+  if (!store.directory.empty()) SSL_CTX_load_verify_dir(context, store.directory.c_str());
   return context;
 }
 
@@ -158,7 +155,7 @@ Verdict verdictOn(ssl_st* connection) {
                                verdict == X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT ||
                                verdict == X509_V_ERR_UNABLE_TO_VERIFY_LEAF_SIGNATURE ||
                                verdict == X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN;
-  return {verdict == X509_V_OK, isIssuerUnknown && systemStore().hasFile(),
+  return {verdict == X509_V_OK, isIssuerUnknown && !systemStore().file.empty(),
           X509_verify_cert_error_string(verdict)};
 }
 

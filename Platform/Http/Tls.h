@@ -1,5 +1,5 @@
 // What TLS connections of this process trust: the system's certificates, in whose place SSL_CERT_FILE and
-// SSL_CERT_DIR may name another file (none when empty) and another directory.
+// SSL_CERT_DIR may name another file and another directory (none when empty).
 #pragma once
 
 #include <string>
@@ -8,6 +8,15 @@ struct ssl_ctx_st;
 struct ssl_st;
 
 namespace Tls {
+
+struct Store {
+  std::string file;       // empty: none
+  std::string directory;  // of files named by the hashes of their subjects; empty: none
+};
+
+// What is trusted: what the two variables name, and for one that is not set what is found at the places below
+// `root` at which distributions keep certificates: a directory, or else a file.
+Store systemStore(const std::string& root = "");
 
 enum class Trust {
   onDemand,  // certificates are looked up when a server's chain asks for them, and decoded only then

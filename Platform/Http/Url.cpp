@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <boost/url.hpp>
+#include <charconv>
+
+#include "Platform/Text.h"
 
 namespace Url {
 
@@ -13,30 +16,59 @@ std::string Parts::authority(bool alwaysWithPort) const {
   return text;
 }
 
+namespace {
+
+// A URL's authority behind its user, and what follows it. Boost.URL 1.81 ends it as soon as what it has read
+// is a host or a port, and takes what is left of "127.0.0.1.test" or ":80x" for the path.
+struct Authority {
+  std::string_view host;              // with its brackets
+  std::optional<std::uint16_t> port;  // absent when there is none, or an empty one
+  std::string_view rest;
+};
+
+// `url` is one by its grammar, and has an authority. Absent when that is none.
+std::optional<Authority> authorityOf(std::string_view url) {
+  url.remove_prefix(url.find("//") + 2);
+  const auto end = std::min(url.find_first_of("/?#"), url.size());
+  auto text = url.substr(0, end);
+  text.remove_prefix(text.find('@') + 1);
+  const auto host = text.substr(0, text.starts_with('[') ? text.find(']') + 1 : text.find(':'));
+  if (host.find('@') != host.npos) return std::nullopt;
+  Authority authority{host, std::nullopt, url.substr(end)};
+  text.remove_prefix(host.size());
+  if (text.empty() || text == ":") return authority;
+  std::uint16_t port = 0;
+  const auto [stop, error] = std::from_chars(text.data() + 1, text.data() + text.size(), port);
+  if (text.front() != ':' || error != std::errc() || stop != text.data() + text.size()) return std::nullopt;
+  authority.port = port;
+  return authority;
+}
+
+}  // namespace
+
 std::optional<Parts> parse(const std::string& url) {
   const auto view = urls::parse_uri(url);
-  if (!view) return std::nullopt;
+  if (!view || !view->has_authority()) return std::nullopt;
   Parts parts;
   parts.secure = view->scheme_id() == urls::scheme::https;
   if (!parts.secure && view->scheme_id() != urls::scheme::http) return std::nullopt;
 
   // An escape in a host could smuggle a line feed into the request; no real host needs one.
-  parts.host = view->encoded_host_address();
-  if (parts.host.empty() || parts.host.find('%') != parts.host.npos) return std::nullopt;
-  parts.port = parts.secure ? 443 : 80;
-  if (view->has_port() && !view->port().empty()) {
-    parts.port = view->port_number();  // 0 when it is beyond 65535
-    if (parts.port == 0) return std::nullopt;
-  }
-  parts.target = view->encoded_target();
-  if (parts.target.empty() || parts.target.front() != '/') parts.target.insert(0, "/");
+  const auto authority = authorityOf(url);
+  if (!authority || authority->host.find('%') != std::string::npos) return std::nullopt;
+  parts.host = Text::trim(authority->host, "[]");
+  parts.port = authority->port.value_or(parts.secure ? 443 : 80);
+  if (parts.host.empty() || parts.port == 0) return std::nullopt;
+  parts.target = authority->rest.substr(0, authority->rest.find('#'));
+  if (!parts.target.starts_with('/')) parts.target.insert(0, "/");
   parts.user = view->user();
   parts.password = view->password();
   return parts;
 }
 
 bool isUrl(const std::string& text) {
-  return !text.empty() && urls::parse_uri_reference(text).has_value();
+  const auto view = urls::parse_uri_reference(text);
+  return !text.empty() && view && (!view->has_authority() || authorityOf(text));
 }
 
 std::optional<std::string> withPathAndQuery(const std::string& url, const std::string& path,

@@ -26,7 +26,7 @@ struct Parts {
 std::optional<Parts> parse(const std::string& url);
 
 // Whether `text` is a URL by its grammar, whatever its scheme, a relative reference included; the empty text
-// is not.
+// is not, nor one with a port beyond 65535.
 bool isUrl(const std::string& text);
 
 // `url` with `path` appended as path components (exactly one "/" between the two) and the query set to the

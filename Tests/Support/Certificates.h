@@ -12,14 +12,8 @@ struct Certificate {
 // A new authority that signs only itself.
 Certificate makeAuthority(const std::string& commonName = "Test Authority");
 
-enum class IssuerName { asItsSubject, inAnotherEncoding };
-
 // A server certificate signed by `authority`; each name is a host name or a literal address.
-Certificate makeServerCertificate(const Certificate& authority, const std::vector<std::string>& names,
-                                  IssuerName issuerName = IssuerName::asItsSubject);
-
-// What the library reads from a certificate: its subject's name in DER form.
-std::string subjectInDer(const Certificate& certificate);
+Certificate makeServerCertificate(const Certificate& authority, const std::vector<std::string>& names);
 
 // The name under which a certificate directory looks this certificate up, as in "5ad8a5d6.0".
 std::string hashedName(const Certificate& certificate);
