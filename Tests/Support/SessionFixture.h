@@ -1,10 +1,9 @@
-// A sandbox, a control plane that gives runs to whoever asks, and a readable record of what it was sent.
+// A sandbox, and a control plane that gives runs to whoever asks.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
 #include "Hook/ControlPlane/ObserveClient.h"
 #include "Hook/State/SessionState.h"
@@ -13,8 +12,11 @@
 
 class SessionFixture : public testing::Test {
  protected:
-  // Runs "run-1", "run-2", ... of workflow "wf", started now; daily ones "daily-1", "daily-2", ...
-  SessionFixture();
+  SessionFixture() { agree(); }
+
+  // From now on the control plane gives runs "run-1", "run-2", ... of workflow "wf", started now, daily ones
+  // "daily-1", "daily-2", ..., and answers everything else with {}.
+  void agree();
 
   // A client without an agent slug, and one with it.
   ObserveClient own() const { return Sandbox::client(plane.url()); }
@@ -22,10 +24,6 @@ class SessionFixture : public testing::Test {
     return Sandbox::client(plane.url(), "reviewer", failDefault);
   }
   static ObserveClient unconfigured() { return Sandbox::client(""); }
-
-  // The requests since the last call, each as its path behind "/api/v1/observe/", a blank and its body; there
-  // every date-time of today reads <now>, the machine's id <uuid>, and slashes are not escaped.
-  std::vector<std::string> sent();
 
   SessionState started() const { return sandbox.started(); }
 
@@ -37,7 +35,4 @@ class SessionFixture : public testing::Test {
 
   Sandbox sandbox;
   FakeControlPlane plane;
-
- private:
-  std::size_t seen_ = 0;
 };
