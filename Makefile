@@ -36,7 +36,7 @@ soak:
 bench bench-plots:
 	@scripts/install-deps build bench
 	@cmake --preset bench >/dev/null
-	@cmake --build --preset bench -j$(JOBS) --target quib-bench quib-benchmarks
+	@cmake --build --preset bench -j$(JOBS) --target event-costs transcript-speed
 	@scripts/bench $@ $(BUILD)/bench
 
 fuzz:

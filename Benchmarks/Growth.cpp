@@ -1,17 +1,15 @@
-#include "Benchmarks/Growth.h"
-
 #include <cmath>
 #include <cstdio>
 #include <functional>
 #include <vector>
 
-#include "Benchmarks/ControlPlaneStub.h"
+#include "Benchmarks/EventCosts.h"
 #include "Benchmarks/Measure.h"
 #include "Benchmarks/Plot.h"
 #include "Hook/State/SessionStore.h"
 #include "Platform/Files.h"
 
-namespace Growth {
+namespace EventCosts {
 
 namespace {
 
@@ -180,11 +178,14 @@ Study transcripts() {
 }
 
 double cpu(const Stage& stage, const Line& line, std::int64_t n, int rounds) {
-  const Measure::Command command{{QUIB_HOOK}, line.arrange(stage, n)};
+  const Measure::Command command{{QUIB_HOOK_EXECUTABLE}, line.arrange(stage, n)};
   std::vector<double> times;
   double spent = 0;
   for (int round = 0; round < rounds && (round < 3 || spent < 20'000); ++round) {
-    std::filesystem::remove_all(stage.path("home/.obrisk/cc-dedupe"));
+    FakeControlPlane plane;
+    agree(plane);
+    stage.configure(plane.url());
+    stage.forgetCalls();
     line.before(stage, n);
     times.push_back(Measure::run(command).cpu);
     spent += times.back();
@@ -216,12 +217,10 @@ Plot::Figure measured(const Stage& stage, const Study& study, int rounds) {
 }  // namespace
 
 void plot(const Stage& stage, const std::string& directory, int rounds) {
-  ControlPlaneStub controlPlane(std::chrono::milliseconds(0));
-  stage.configure(controlPlane.url());
   for (const Study& study : {commands(), patterns(), modifiedFiles(), sessions(), transcripts()}) {
     stage.setRules({});
     Files::write(directory + "/" + study.file, Plot::svg(measured(stage, study, rounds)), 0644);
   }
 }
 
-}  // namespace Growth
+}  // namespace EventCosts

@@ -1,73 +1,41 @@
 #include "Benchmarks/Stage.h"
 
-#include <stdlib.h>
-
-#include <fstream>
-#include <stdexcept>
+#include <filesystem>
 
 #include "Benchmarks/TranscriptAuthor.h"
 #include "Hook/State/SessionStore.h"
 #include "Platform/Clock.h"
-#include "Platform/Files.h"
 
 namespace fs = std::filesystem;
 
-namespace {
-
-// What would lead a measured process elsewhere.
-constexpr const char* foreignVariables[] = {
-    "OBRISK_API_KEY",     "OBRISK_API_URL", "CLAUDE_CODE_AGENT_SLUG",
-    "OBRISK_AGENT_SLUG",  "HTTP_PROXY",     "OBRISK_POLICY_CHECK_FAIL_DEFAULT",
-    "OBRISK_PROJECT_KEY", "HTTPS_PROXY",    "NO_PROXY",
-    "http_proxy",         "https_proxy",    "no_proxy",
-    "SSL_CERT_FILE",      "SSL_CERT_DIR",
-};
-
-}  // namespace
-
 Stage::Stage() {
-  std::string pattern = (fs::temp_directory_path() / "quib-bench-XXXXXX").string();
-  if (!::mkdtemp(pattern.data())) throw std::runtime_error("no temporary directory");
-  root_ = pattern;
-  fs::create_directories(path("home/.obrisk"));
-  fs::create_directories(project() + "/.obrisk");
-  for (const char* name : foreignVariables)
-    ::unsetenv(name);
-  ::setenv("HOME", path("home").c_str(), 1);
-  ::setenv("OBRISK_CC_STATE_DIR", path("state").c_str(), 1);
-  ::setenv("SSL_CERT_FILE", path("authority.pem").c_str(), 1);
-}
-
-Stage::~Stage() {
-  std::error_code ignored;
-  fs::remove_all(root_, ignored);
+  const Certificate authority = makeAuthority();
+  certificate_ = makeServerCertificate(authority, {"127.0.0.1"});
+  Sandbox::write(path("authority.pem"), authority.pem);
+  sandbox_.set("SSL_CERT_FILE", path("authority.pem"));
 }
 
 void Stage::configure(const std::string& url) const {
-  const std::string file = path("home/.obrisk/config");
-  fs::remove(file);
-  if (url.empty()) return;
-  Files::write(file, "[claude-code]\napi_url = " + url + "\napi_key = key\nagent_slug = reviewer\n");
+  url.empty() ? void(fs::remove(path("home/.obrisk/config"))) : sandbox_.configure(url, "reviewer");
 }
 
 void Stage::setRules(const Json::Object& rules) const {
   const std::string file = project() + "/.obrisk/guard.json";
-  fs::remove(file);
-  if (!rules.empty()) Files::write(file, Json(rules).compact());
+  rules.empty() ? void(fs::remove(file)) : Sandbox::write(file, Json(rules).compact());
 }
 
 void Stage::clearSessions() const {
-  fs::remove_all(path("state"));
+  fs::remove_all(sandbox_.state());
+}
+
+void Stage::forgetCalls() const {
+  fs::remove_all(path("home/.obrisk/cc-dedupe"));
 }
 
 SessionState Stage::session() const {
-  SessionState state;
+  SessionState state = sandbox_.started();
   state.session_id = "session";
-  state.run_id = "run-1";
-  state.workflow_id = "workflow-1";
-  state.cwd = project();
   state.model = "claude-opus-4-6";
-  state.started_at = Clock::dateTime();
   state.span_count = 1;
   return state;
 }
@@ -81,8 +49,9 @@ std::string Stage::event(const std::string& name, Json::Object members) const {
   members.set("session_id", "session");
   members.set("cwd", project());
   members.set("transcript_path", members.text("transcript_path"));
-  const std::string file = path("event-" + std::to_string(std::hash<std::string>()(Json(members).compact())));
-  Files::write(file, Json(members).compact());
+  const std::string text = Json(members).compact();
+  const std::string file = path("event-" + std::to_string(std::hash<std::string>()(text)));
+  Sandbox::write(file, text);
   return file;
 }
 
@@ -92,6 +61,17 @@ std::string Stage::transcript(std::int64_t size) const {
   return file;
 }
 
-void Stage::drop(const std::string& path) const {
-  fs::remove(path);
+void agree(FakeControlPlane& plane, std::chrono::milliseconds roundTrip, int roundTripsToConnect) {
+  // One answer for every request: each finds in it what it looks for.
+  FakeControlPlane::Reply reply = FakeControlPlane::json({{"run_id", "run-1"},
+                                                          {"workflow_id", "workflow-1"},
+                                                          {"started_at", Clock::dateTime()},
+                                                          {"date", Clock::date()},
+                                                          {"action", "allow"}});
+  const auto connection = std::make_shared<int>(0);
+  plane.on("*", [=](const FakeControlPlane::Request& request) mutable {
+    const bool first = std::exchange(*connection, request.connection) != request.connection;
+    reply.delay = roundTrip * (first ? 1 + roundTripsToConnect : 1);
+    return reply;
+  });
 }

@@ -1,22 +1,22 @@
-// The world that measured hook processes find: a home, a state directory and a project of their own, and
-// events on file. This process has the same environment, so what it stores the hook finds.
+// What measured hook processes find: a sandbox, events on file, and a control plane that agrees to
+// everything. This process has the same environment, so what it stores the hook finds.
 #pragma once
 
-#include <filesystem>
+#include <chrono>
+#include <optional>
 #include <string>
 
 #include "Hook/State/SessionState.h"
 #include "Platform/Json/Json.h"
+#include "Tests/Support/FakeControlPlane.h"
+#include "Tests/Support/Sandbox.h"
 
 class Stage {
  public:
   Stage();
-  ~Stage();
-  Stage(const Stage&) = delete;
-  Stage& operator=(const Stage&) = delete;
 
-  std::string path(const std::string& name) const { return root_ + "/" + name; }
-  std::string project() const { return path("project"); }
+  std::string path(const std::string& name) const { return sandbox_.root() + "/" + name; }
+  std::string project() const { return sandbox_.project(); }
 
   // The profile names that control plane, with an agent slug; none when `url` is empty.
   void configure(const std::string& url) const;
@@ -26,6 +26,9 @@ class Stage {
 
   // Removes all session records.
   void clearSessions() const;
+
+  // Removes the record of the calls that were sent, which spares the next Stop its posts.
+  void forgetCalls() const;
 
   // The record of the session "session" in the project directory, started now.
   SessionState session() const;
@@ -38,9 +41,14 @@ class Stage {
   // path.
   std::string transcript(std::int64_t size) const;
 
-  // Removes a transcript that takes much room.
-  void drop(const std::string& path) const;
+  // One server certificate, whose authority the hook trusts.
+  const Certificate& certificate() const { return certificate_; }
 
  private:
-  std::string root_;
+  Sandbox sandbox_;
+  Certificate certificate_;
 };
+
+// Answers every request with one that says yes to it. A client that is a round trip away waits that long for
+// each answer, and for as many round trips as it takes to connect before the first.
+void agree(FakeControlPlane& plane, std::chrono::milliseconds roundTrip = {}, int roundTripsToConnect = 1);

@@ -1,14 +1,11 @@
-#include "Benchmarks/Table.h"
-
 #include <cstdio>
 #include <functional>
 #include <vector>
 
-#include "Benchmarks/ControlPlaneStub.h"
+#include "Benchmarks/EventCosts.h"
 #include "Benchmarks/Measure.h"
-#include "Hook/State/SessionStore.h"
 
-namespace Table {
+namespace EventCosts {
 
 namespace {
 
@@ -25,11 +22,24 @@ struct Row {
   bool configured = true;
 };
 
+// How the control plane is reached.
+struct Route {
+  std::chrono::milliseconds roundTrip{0};
+  bool secure = false;
+
+  int roundTripsToConnect() const { return secure ? 2 : 1; }
+};
+constexpr Route near, far{std::chrono::milliseconds(20)}, secure{.secure = true};
+
+struct Traffic {
+  std::string connections, requests, roundTrips;
+};
+
 struct Figures {
   std::vector<double> wall, wallFar, wallSecure, cpu;
   double peak = 0;
   std::optional<double> instructions, instructionsSecure, systemCalls;
-  std::optional<ControlPlaneStub::Traffic> traffic, trafficSecure;
+  Traffic traffic, trafficSecure;
 };
 
 void addFloor(std::vector<Row>& rows, const std::string& name, std::vector<std::string> argv) {
@@ -53,14 +63,16 @@ std::vector<Row> events(const Stage& stage) {
   const auto tool = [&](const std::string& event, const std::string& name, Json::Object input) {
     Json::Object members{{"tool_name", name}, {"tool_input", std::move(input)}};
     if (event == "PostToolUse") members.set("tool_response", Json::Object{{"filePath", "a file"}});
-    return Measure::Command{{QUIB_HOOK}, stage.event(event, std::move(members))};
+    return Measure::Command{{QUIB_HOOK_EXECUTABLE}, stage.event(event, std::move(members))};
   };
   const auto stop = [&](std::int64_t size) {
-    return Measure::Command{{QUIB_HOOK}, stage.event("Stop", {{"transcript_path", stage.transcript(size)}})};
+    return Measure::Command{{QUIB_HOOK_EXECUTABLE},
+                            stage.event("Stop", {{"transcript_path", stage.transcript(size)}})};
   };
   const auto nothing = [](const Stage&) {};
   const std::string file = stage.project() + "/source/unit.cpp";
-  const Measure::Command prompt{{QUIB_HOOK}, stage.event("UserPromptSubmit", {{"prompt", "Go on."}})};
+  const Measure::Command prompt{{QUIB_HOOK_EXECUTABLE},
+                                stage.event("UserPromptSubmit", {{"prompt", "Go on."}})};
   return {
       {"an event, unconfigured", prompt, nothing, false},
       {"`Read` allowed", tool("PreToolUse", "Read", {{"file_path", file}}), recorded},
@@ -71,7 +83,7 @@ std::vector<Row> events(const Stage& stage) {
       {"`Bash` denied here", tool("PreToolUse", "Bash", {{"command", "rm -rf / "}}), recorded},
       {"PostToolUse", tool("PostToolUse", "Write", {{"file_path", file}, {"content", "x"}}), recorded},
       {"SessionStart",
-       {{QUIB_HOOK}, stage.event("SessionStart", {{"source", "startup"}})},
+       {{QUIB_HOOK_EXECUTABLE}, stage.event("SessionStart", {{"source", "startup"}})},
        [](const Stage& on) { on.clearSessions(); }},
       {"Stop, 1 MB of transcript", stop(1'000'000), recorded},
       {"Stop, 10 MB", stop(10'000'000), recorded},
@@ -79,60 +91,52 @@ std::vector<Row> events(const Stage& stage) {
   };
 }
 
-// The dedupe file of the last run would spare the next Stop its posts.
-void forgetCalls(const Stage& stage) {
-  std::filesystem::remove_all(stage.path("home/.obrisk/cc-dedupe"));
-}
-
 class Measuring {
  public:
-  Measuring(const Stage& stage)
-      : stage_(stage), secure_(std::chrono::milliseconds(0), stage.path("authority.pem")) {}
+  explicit Measuring(const Stage& stage) : stage_(stage) {}
 
   Figures counted(const Row& row) {
     Figures figures;
-    set(row, near_);
-    near_.traffic();
-    figures.peak = Measure::run(row.command).peak;
-    if (row.prepare) figures.traffic = near_.traffic();
-    set(row, near_);
-    figures.instructions = Measure::instructions(row.command);
-    set(row, near_);
-    figures.systemCalls = Measure::systemCalls(row.command);
-    if (!asks(row)) return figures;
-    set(row, secure_);
-    secure_.traffic();
-    figures.instructionsSecure = Measure::instructions(row.command);
-    figures.trafficSecure = secure_.traffic();
+    figures.peak = run(row, near, Measure::run, &figures.traffic).peak;
+    figures.instructions = run(row, near, Measure::instructions);
+    figures.systemCalls = run(row, near, Measure::systemCalls);
+    if (asks(row))
+      figures.instructionsSecure = run(row, secure, Measure::instructions, &figures.trafficSecure);
     return figures;
   }
 
   void time(const Row& row, Figures& figures) {
-    set(row, near_);
-    const Measure::Run run = Measure::run(row.command);
-    figures.wall.push_back(run.wall);
-    figures.cpu.push_back(run.cpu);
+    const Measure::Run taken = run(row, near, Measure::run);
+    figures.wall.push_back(taken.wall);
+    figures.cpu.push_back(taken.cpu);
     if (!asks(row)) return;
-    set(row, far_);
-    figures.wallFar.push_back(Measure::run(row.command).wall);
-    set(row, secure_);
-    figures.wallSecure.push_back(Measure::run(row.command).wall);
+    figures.wallFar.push_back(run(row, far, Measure::run).wall);
+    figures.wallSecure.push_back(run(row, secure, Measure::run).wall);
   }
 
  private:
   static bool asks(const Row& row) { return row.prepare && row.configured; }
 
-  void set(const Row& row, const ControlPlaneStub& controlPlane) {
-    if (!row.prepare) return;
-    stage_.configure(row.configured ? controlPlane.url() : "");
-    forgetCalls(stage_);
+  // What `measure` finds out about the row's command, which a control plane of its own serves.
+  template <typename Figure>
+  Figure run(const Row& row, const Route& route, Figure (*measure)(const Measure::Command&),
+             Traffic* traffic = nullptr) {
+    if (!row.prepare) return measure(row.command);
+    FakeControlPlane plane(
+        {.certificate = route.secure ? std::optional(stage_.certificate()) : std::nullopt});
+    agree(plane, route.roundTrip, route.roundTripsToConnect());
+    stage_.configure(row.configured ? plane.url() : "");
+    stage_.forgetCalls();
     row.prepare(stage_);
+    const Figure figure = measure(row.command);
+    const auto connections = plane.connections(), requests = static_cast<int>(plane.requests().size());
+    if (traffic)
+      *traffic = {std::to_string(connections), std::to_string(requests),
+                  std::to_string(requests + connections * route.roundTripsToConnect())};
+    return figure;
   }
 
   const Stage& stage_;
-  ControlPlaneStub near_{std::chrono::milliseconds(0)};
-  ControlPlaneStub far_{std::chrono::milliseconds(20)};
-  ControlPlaneStub secure_;
 };
 
 std::string number(double value, int digits) {
@@ -150,34 +154,20 @@ std::string optional(const std::optional<double>& value, double unit, int digits
 }
 
 std::string line(const Row& row, const Figures& figures) {
-  std::vector<std::string> cells{row.name,
-                                 times(figures.wall),
-                                 times(figures.cpu),
-                                 optional(figures.instructions, 1e6, 2),
-                                 optional(figures.systemCalls, 1, 0),
-                                 number(figures.peak, 1),
-                                 "",
-                                 "",
-                                 "",
-                                 times(figures.wallFar),
-                                 times(figures.wallSecure),
-                                 optional(figures.instructionsSecure, 1e6, 2),
-                                 ""};
-  if (figures.traffic) {
-    cells[6] = std::to_string(figures.traffic->connections);
-    cells[7] = std::to_string(figures.traffic->requests);
-    cells[8] = std::to_string(figures.traffic->roundTrips);
-  }
-  if (figures.trafficSecure) cells[12] = std::to_string(figures.trafficSecure->roundTrips);
   std::string text = "|";
-  for (const std::string& cell : cells)
+  for (const std::string& cell :
+       {row.name, times(figures.wall), times(figures.cpu), optional(figures.instructions, 1e6, 2),
+        optional(figures.systemCalls, 1, 0), number(figures.peak, 1), figures.traffic.connections,
+        figures.traffic.requests, figures.traffic.roundTrips, times(figures.wallFar),
+        times(figures.wallSecure), optional(figures.instructionsSecure, 1e6, 2),
+        figures.trafficSecure.roundTrips})
     text += " " + cell + " |";
   return text + "\n";
 }
 
 }  // namespace
 
-std::string measured(const Stage& stage, int rounds) {
+std::string table(const Stage& stage, int rounds) {
   std::vector<Row> rows = floors();
   for (Row& row : events(stage))
     rows.push_back(std::move(row));
@@ -192,13 +182,13 @@ std::string measured(const Stage& stage, int rounds) {
     for (std::size_t i = 0; i < rows.size(); ++i)
       measuring.time(rows[i], figures[i]);
   }
-  std::string table =
+  std::string text =
       "| process | wall, ms | CPU, ms | instructions, M | system calls | peak, MB | connections | requests | "
       "round trips | wall at 20 ms | wall over TLS | instructions over TLS | round trips over TLS |\n"
       "|---|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|\n";
   for (std::size_t i = 0; i < rows.size(); ++i)
-    table += line(rows[i], figures[i]);
-  return table;
+    text += line(rows[i], figures[i]);
+  return text;
 }
 
-}  // namespace Table
+}  // namespace EventCosts

@@ -6,55 +6,35 @@
 // What must hold: no crash, no answer later than two seconds (an instrumented build has twice that), a
 // verdict that is whole, and the same answer of every built-in pattern with its parts and without.
 #include <chrono>
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
+#include <span>
 #include <sstream>
-#include <string>
-#include <string_view>
 #include <vector>
 
+#include "Fuzz/Support/Fuzzing.h"
 #include "Hook/Guard/BuiltInPatterns.h"
 #include "Hook/Guard/RuleEvaluator.h"
-#include "Platform/Json/Json.h"
+
+using namespace std::chrono_literals;
 
 namespace {
 
-void require(bool holds, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "%s\n", what);
-  std::abort();
-}
-
 void judge(const std::string& tool, const Json::Object& input, const GuardConfig& config,
-           const std::string& cwd) {
-  using namespace std::chrono_literals;
+           const std::string& cwd = "/proj") {
   const auto start = std::chrono::steady_clock::now();
   const Verdict verdict = RuleEvaluator::checkToolUse(tool, input, config, cwd);
-  require(std::chrono::steady_clock::now() - start < 4s, "the guard took too long");
+  require(std::chrono::steady_clock::now() - start < 4s, "the guard does not take too long");
   const bool allowed = verdict.action == Verdict::Action::allow;
-  require(allowed == verdict.rule.empty() && allowed == verdict.message.empty(), "the verdict is not whole");
+  require(allowed == verdict.rule.empty() && allowed == verdict.message.empty(), "a verdict is whole");
 }
 
-// Without the parts the same must come out, as long as there is time for it.
-void requireSameWithoutParts(std::string_view text) {
-  const auto check = [&](const GuardPattern& pattern) {
-    TimeBudget budget(std::chrono::milliseconds(200));
+// As long as there is time for it.
+void requireSameWithoutParts(std::string_view text, std::span<const GuardPattern> patterns) {
+  for (const GuardPattern& pattern : patterns) {
+    TimeBudget budget(200ms);
     const bool shortcut = PatternSubject(text, budget).matches(pattern);
     const bool whole = PatternSubject(text, budget).matches({pattern.expression});
-    require(shortcut == whole || budget.spent(), "a pattern matches without its parts");
-  };
-  for (const GuardPattern& pattern : BuiltIn::defaultBlockedCommands)
-    check(pattern);
-  for (const GuardPattern& pattern : BuiltIn::defaultWarnCommands)
-    check(pattern);
-  for (const GuardPattern& pattern : BuiltIn::internalURLPatterns)
-    check(pattern);
-}
-
-void judgeCall(const Json::Object& call) {
-  judge(call.text("tool_name"), call.object("tool_input"), GuardConfig::fromDict(call.object("config")),
-        call.text("cwd"));
+    require(shortcut == whole || budget.spent(), "a pattern's parts only spare searches");
+  }
 }
 
 void judgeUnderPatterns(const std::string& head, const std::string& text) {
@@ -69,28 +49,29 @@ void judgeUnderPatterns(const std::string& head, const std::string& text) {
       config.warn_file_patterns = config.git_protected_branches = config.blocked_domains =
           config.infra_file_patterns = patterns;
   config.path_boundary_enabled = true;
-  judge(tool, {{"command", text}, {"file_path", text}, {"url", text}}, config, "/proj");
+  judge(tool, {{"command", text}, {"file_path", text}, {"url", text}}, config);
 }
 
 void judgeUnderDefaults(const std::string& text) {
-  const GuardConfig& defaults = GuardConfig::defaults();
-  judge("Bash", {{"command", text}}, defaults, "/proj");
-  judge("Write", {{"file_path", text}}, defaults, "/proj");
-  judge("WebFetch", {{"url", text}}, defaults, "/proj");
-  requireSameWithoutParts(text);
+  for (const auto& [tool, member] :
+       {std::pair("Bash", "command"), {"Write", "file_path"}, {"WebFetch", "url"}})
+    judge(tool, {{member, text}}, GuardConfig::defaults());
+  requireSameWithoutParts(text, BuiltIn::defaultBlockedCommands);
+  requireSameWithoutParts(text, BuiltIn::defaultWarnCommands);
+  requireSameWithoutParts(text, BuiltIn::internalURLPatterns);
 }
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const std::string text(reinterpret_cast<const char*>(data), size);
+void fuzz(std::string_view input) {
+  const std::string text(input);
   const std::size_t end = text.find("\n\n");
   if (const auto call = Json::parseObject(text)) {
-    judgeCall(*call);
+    judge(call->text("tool_name"), call->object("tool_input"), GuardConfig::fromDict(call->object("config")),
+          call->text("cwd"));
   } else if (end != text.npos) {
     judgeUnderPatterns(text.substr(0, end), text.substr(end + 2));
   } else {
     judgeUnderDefaults(text);
   }
-  return 0;
 }

@@ -256,7 +256,8 @@ Directory claimDirectory(const std::string& path) {
   const Descriptor directory = openForReading(path, O_DIRECTORY | O_NOFOLLOW);
   struct stat attributes;
   if (!directory.valid()) return errno == ENOENT ? Directory::missing : Directory::foreign;
-  if (::fstat(directory.get(), &attributes) != 0 || attributes.st_uid != ::geteuid()) return Directory::foreign;
+  if (::fstat(directory.get(), &attributes) != 0 || attributes.st_uid != ::geteuid())
+    return Directory::foreign;
   constexpr mode_t others = S_IWGRP | S_IWOTH;
   const bool closed = (attributes.st_mode & others) == 0 ||
                       ::fchmod(directory.get(), attributes.st_mode & 07777 & ~others) == 0;

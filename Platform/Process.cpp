@@ -184,7 +184,8 @@ void exit(int status) {
   ::_exit(status);
 }
 
-std::optional<std::string> run(const std::string& path, const std::vector<std::string>& arguments) {
+std::optional<std::string> run(const std::string& path, const std::vector<std::string>& arguments,
+                               const std::string& input) {
   int ends[2];
   if (!makePipe(ends)) return std::nullopt;
   std::vector<char*> argv{const_cast<char*>(path.c_str())};
@@ -194,7 +195,7 @@ std::optional<std::string> run(const std::string& path, const std::vector<std::s
 
   posix_spawn_file_actions_t actions;
   ::posix_spawn_file_actions_init(&actions);
-  ::posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  ::posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, input.c_str(), O_RDONLY, 0);
   ::posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
   ::posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
   pid_t child = 0;

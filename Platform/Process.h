@@ -48,8 +48,10 @@ void writeError(std::string_view bytes);
 // Ends the process at once: no destructors, no exit handlers, no waiting for threads.
 [[noreturn]] void exit(int status);
 
-// Runs `path` with `arguments`, its standard input and error empty, and waits for its end. Returns all that
-// it wrote to standard output; absent when it cannot be started. It inherits no descriptor of ours.
-std::optional<std::string> run(const std::string& path, const std::vector<std::string>& arguments);
+// Runs `path` with `arguments`, the file `input` as its standard input and its standard error empty, and
+// waits for its end. Returns all that it wrote to standard output; absent when it cannot be started. It
+// inherits no descriptor of ours.
+std::optional<std::string> run(const std::string& path, const std::vector<std::string>& arguments,
+                               const std::string& input = "/dev/null");
 
 }  // namespace Process

@@ -19,16 +19,16 @@
 namespace LocalControlPlane {
 
 struct Request {
-  std::string method;
-  std::string target;   // the path, without the query
-  std::string key;      // header X-Quib-Key
-  std::string device;   // header X-Quib-Device
-  std::string tenant;   // header X-Quib-Tenant
-  std::string host;     // header Host
-  std::string known;    // header If-None-Match
-  std::string process;  // the query item "process"
+  std::string method{};
+  std::string target{};   // the path, without the query
+  std::string key{};      // header X-Quib-Key
+  std::string device{};   // header X-Quib-Device
+  std::string tenant{};   // header X-Quib-Tenant
+  std::string host{};     // header Host
+  std::string known{};    // header If-None-Match
+  std::string process{};  // the query item "process"
   bool fromLoopback = false;
-  std::string body;
+  std::string body{};
 };
 
 struct Reply {
@@ -41,8 +41,8 @@ struct Reply {
 
 class ControlPlane {
  public:
-  // An empty `key` means the one that the store keeps; an empty `policyPath` no policies. Throws StoreError
-  // when the data file cannot be used.
+  // An empty `key` means the one that the store keeps; an empty `policyPath` no policies. Throws
+  // std::runtime_error when the data file cannot be used.
   ControlPlane(const std::string& dataPath, std::string key, std::string policyPath);
 
   const std::string& key() const { return key_; }
@@ -55,18 +55,18 @@ class ControlPlane {
 
  private:
   using Body = Json::Object;
-  Reply post(const Request& request);
+  Body post(const Request& request);
+  Body agentConfig(const Request& request) const;
+  Body startRun(const std::string& runID, const Body& body);
+  Body dailyRun(const std::string& runID, const Body& body);
+  Body checkPolicy(const std::string& runID, const Body& body);
+  Body recordSteps(const std::string& runID, const Body& body);
+  Body recordSpans(const std::string& runID, const Body& body);
+  Body recordCalls(const std::string& runID, const Body& body);
+  Body completeRun(const std::string& runID, const Body& body);
   Reply page(const Request& request);
-  Reply overview();
+  std::string overview();
   void refreshPolicies();
-  Reply agentConfig(const Request& request) const;
-  Reply startRun(const std::string& runID, const Body& body);
-  Reply dailyRun(const std::string& runID, const Body& body);
-  Reply checkPolicy(const std::string& runID, const Body& body);
-  Reply recordSteps(const std::string& runID, const Body& body);
-  Reply recordSpans(const std::string& runID, const Body& body);
-  Reply recordCalls(const std::string& runID, const Body& body);
-  Reply completeRun(const std::string& runID, const Body& body);
 
   struct Route;
   static const Route routes[];

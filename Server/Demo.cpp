@@ -1,9 +1,6 @@
 // obrisk-demo: one recorded agent session, played through quib-hook against a control plane of its own.
 // Everything happens in a throw-away home directory, which goes when the demo ends.
-#include <fcntl.h>
-#include <poll.h>
-#include <spawn.h>
-#include <sys/wait.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -27,7 +24,6 @@ using LocalControlPlane::ControlPlane;
 using LocalControlPlane::Server;
 
 constexpr const char* sessionID = "5d0c2a4e-7b1f-4c55-9a3e-0f6b8d2e41c7";
-constexpr std::chrono::seconds patience{30};  // with one event
 
 std::atomic<bool> interrupted = false;
 
@@ -62,51 +58,17 @@ void replaceAll(std::string& text, std::string_view from, std::string_view to) {
   }
 }
 
-// Starts the hook as an agent would: the event on its standard input, its answer to `output`. 0 when it
-// cannot be started.
-pid_t startHook(const Home& home, const std::string& key, const std::string& event, int output) {
-  const std::string input = home.path() + "/event.json";
-  Files::write(input, event);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, input.c_str(), O_RDONLY, 0);
-  posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
-  // With a key in the environment this machine's own enrolment, if it has one, plays no part.
-  std::string environment[] = {"HOME=" + home.path(), "OBRISK_API_KEY=" + key,
-                               "OBRISK_CC_STATE_DIR=" + home.path() + "/state", "PATH=/usr/bin:/bin"};
-  std::vector<char*> variables;
-  for (std::string& variable : environment)
-    variables.push_back(variable.data());
-  variables.push_back(nullptr);
-  std::string program = QUIB_HOOK_EXECUTABLE;
-  char* arguments[] = {program.data(), nullptr};
-  pid_t child = 0;
-  const int failure = posix_spawn(&child, program.c_str(), &actions, nullptr, arguments, variables.data());
-  posix_spawn_file_actions_destroy(&actions);
-  return failure == 0 ? child : 0;
-}
-
-// What the hook wrote, as far as it came before patience ran out or the demo was interrupted.
-std::string runHook(const Home& home, const std::string& key, const std::string& event) {
-  int ends[2];
-  if (pipe(ends) != 0) return "";
-  const pid_t child = startHook(home, key, event, ends[1]);
-  close(ends[1]);
-  std::string answer;
-  const auto deadline = std::chrono::steady_clock::now() + patience;
-  pollfd readable{ends[0], POLLIN, 0};
-  while (child && !interrupted && std::chrono::steady_clock::now() < deadline) {
-    if (poll(&readable, 1, 100) <= 0) continue;
-    char bytes[4096];
-    const ssize_t count = read(ends[0], bytes, sizeof bytes);
-    if (count <= 0) break;
-    answer.append(bytes, static_cast<std::size_t>(count));
+// Makes the environment, which the hook inherits, that of the user of this home. With a key in it this
+// machine's own enrolment, if it has one, plays no part.
+void moveInto(const Home& home, const std::string& key) {
+  for (const auto& [name, value] : Process::environment()) {
+    if (name != "NO_COLOR" && name != "DEMO_KEEP") unsetenv(name.c_str());
   }
-  close(ends[0]);
-  if (!child) return answer;
-  if (interrupted || std::chrono::steady_clock::now() >= deadline) kill(child, SIGKILL);
-  waitpid(child, nullptr, 0);
-  return answer;
+  for (const auto& [name, value] : {std::pair<const char*, std::string>{"HOME", home.path()},
+                                    {"OBRISK_API_KEY", key},
+                                    {"OBRISK_CC_STATE_DIR", home.path() + "/state"},
+                                    {"PATH", "/usr/bin:/bin"}})
+    setenv(name, value.c_str(), 1);
 }
 
 struct Decision {
@@ -151,7 +113,7 @@ std::string coloured(const std::string& action, std::string text) {
 
 class Player {
  public:
-  Player(const Home& home, std::string key) : home_(home), key_(std::move(key)) {}
+  explicit Player(const Home& home) : home_(home) {}
 
   // One line of the session: a line that the agent adds to its transcript, or an event of which it tells the
   // hook. False when the answer is not the one that is expected.
@@ -173,8 +135,10 @@ class Player {
 
  private:
   bool tell(const Json::Object& event, const std::string& expected) {
+    const std::string input = home_.path() + "/event.json";
+    Files::write(input, Json(event).compact());
     const auto start = std::chrono::steady_clock::now();
-    const std::string answer = runHook(home_, key_, Json(event).compact());
+    const std::string answer = Process::run(QUIB_HOOK_EXECUTABLE, {}, input).value_or("");
     const std::chrono::duration<double, std::milli> took = std::chrono::steady_clock::now() - start;
     if (interrupted) return false;
     const Decision decision = decisionOf(answer);
@@ -191,7 +155,6 @@ class Player {
   }
 
   const Home& home_;
-  std::string key_;
 };
 
 void report(ControlPlane& controlPlane) {
@@ -230,8 +193,9 @@ int demonstrate() {
                                                     controlPlane.key() + "\nagent_slug = storm-warnings\n");
   const std::string session = Files::read(QUIB_SOURCE_DIR "/Server/demo/session.jsonl").value_or("");
 
+  moveInto(home, controlPlane.key());
   std::thread serving([&] { interrupted = server.run(true); });
-  Player player(home, controlPlane.key());
+  Player player(home);
   bool good = !session.empty();
   for (std::size_t start = 0; good && !interrupted && start < session.size();) {
     const std::size_t end = std::min(session.find('\n', start), session.size());

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <stdexcept>
 
 #include "Platform/Files.h"
 #include "Platform/Paths.h"
@@ -16,6 +17,10 @@ auto strictness(std::string_view action) {
   return std::ranges::find(actions, action) - actions.begin();
 }
 
+[[noreturn]] void reject(const std::string& problem) {
+  throw std::runtime_error(problem);
+}
+
 // The first member of `object` that is none of `known`; empty when there is none.
 std::string unknownMember(const Json::Object& object, std::initializer_list<std::string_view> known) {
   for (const Json::Member& member : object) {
@@ -24,107 +29,67 @@ std::string unknownMember(const Json::Object& object, std::initializer_list<std:
   return "";
 }
 
-std::optional<PolicyRule> parseRule(const Json& value, std::string& problem) {
+PolicyRule parseRule(const Json& value, const std::string& name) {
   const Json::Object* object = value.asObject();
-  if (!object) {
-    problem = "is not an object";
-    return std::nullopt;
-  }
-  if (const std::string key = unknownMember(*object, {"workflow", "action", "reason"}); !key.empty()) {
-    problem = "has the unknown member \"" + key + "\"";
-    return std::nullopt;
-  }
+  if (!object) reject(name + " is not an object");
+  const std::string unknown = unknownMember(*object, {"workflow", "action", "reason"});
+  if (!unknown.empty()) reject(name + " has the unknown member \"" + unknown + "\"");
   PolicyRule rule{object->text("workflow"), object->text("action"), object->text("reason")};
-  if (rule.workflow.empty()) {
-    problem = "needs a \"workflow\"";
-  } else if (std::ranges::find(actions, rule.action) == actions.end()) {
-    problem = "needs an \"action\" that is \"allow\", \"warn\" or \"block\"";
-  } else if (const Json* reason = object->find("reason"); reason && !reason->asText()) {
-    problem = "has a \"reason\" that is not a string";
-  } else {
-    return rule;
-  }
-  return std::nullopt;
+  if (rule.workflow.empty()) reject(name + " needs a \"workflow\"");
+  if (std::ranges::find(actions, rule.action) == actions.end())
+    reject(name + " needs an \"action\" that is \"allow\", \"warn\" or \"block\"");
+  const Json* reason = object->find("reason");
+  if (reason && !reason->asText()) reject(name + " has a \"reason\" that is not a string");
+  return rule;
 }
 
-bool parseTokens(const Json::Object& budget, std::string_view key, std::optional<std::int64_t>& tokens,
-                 std::string& problem) {
+std::optional<std::int64_t> parseTokens(const Json::Object& budget, const std::string& key) {
   const Json* value = budget.find(key);
-  if (!value) return true;
-  tokens = value->asInteger();
-  if (tokens && *tokens > 0) return true;
-  problem = "\"compaction_token_budget\": \"" + std::string(key) + "\" is not a positive whole number";
-  return false;
-}
-
-bool parseBudget(const Json& value, Policies& policies, std::string& problem) {
-  const Json::Object* budget = value.asObject();
-  if (!budget || !unknownMember(*budget, {"warn", "block"}).empty()) {
-    problem = "\"compaction_token_budget\" is not an object of \"warn\" and \"block\"";
-    return false;
-  }
-  return parseTokens(*budget, "warn", policies.warnTokens, problem) &&
-         parseTokens(*budget, "block", policies.blockTokens, problem);
-}
-
-bool parseRules(const Json& value, Policies& policies, std::string& problem) {
-  const Json::Array* rules = value.asList();
-  if (!rules) {
-    problem = "\"rules\" is not a list";
-    return false;
-  }
-  for (const Json& entry : *rules) {
-    std::optional<PolicyRule> rule = parseRule(entry, problem);
-    if (!rule) {
-      problem.insert(0, "rule " + std::to_string(policies.rules.size() + 1) + " ");
-      return false;
-    }
-    policies.rules.push_back(std::move(*rule));
-  }
-  return true;
+  if (value && value->asInteger().value_or(0) <= 0)
+    reject("\"compaction_token_budget\": \"" + key + "\" is not a positive whole number");
+  return value ? value->asInteger() : std::nullopt;
 }
 
 }  // namespace
 
-std::optional<Policies> parsePolicies(std::string_view text, std::string& problem) {
+Policies parsePolicies(std::string_view text) {
   const std::optional<Json::Object> object = Json::parseObject(text);
-  if (!object) {
-    problem = "it is not a JSON object";
-    return std::nullopt;
-  }
+  if (!object) reject("it is not a JSON object");
   const std::string unknown = unknownMember(*object, {"rules", "cost_cap", "compaction_token_budget"});
-  if (!unknown.empty()) {
-    problem = "unknown member \"" + unknown + "\"";
-    return std::nullopt;
-  }
+  if (!unknown.empty()) reject("unknown member \"" + unknown + "\"");
   Policies policies;
-  if (const Json* rules = object->find("rules"); rules && !parseRules(*rules, policies, problem)) {
-    return std::nullopt;
+  if (const Json* rules = object->find("rules")) {
+    if (!rules->asList()) reject("\"rules\" is not a list");
+    for (const Json& rule : *rules->asList())
+      policies.rules.push_back(parseRule(rule, "rule " + std::to_string(policies.rules.size() + 1)));
   }
   if (const Json* cap = object->find("cost_cap")) {
     policies.costCap = cap->asNumber();
-    if (!policies.costCap || *policies.costCap <= 0) {
-      problem = "\"cost_cap\" is not a positive number";
-      return std::nullopt;
-    }
+    if (policies.costCap.value_or(0) <= 0) reject("\"cost_cap\" is not a positive number");
   }
-  const Json* budget = object->find("compaction_token_budget");
-  if (budget && !parseBudget(*budget, policies, problem)) return std::nullopt;
+  if (const Json* value = object->find("compaction_token_budget")) {
+    const Json::Object* budget = value->asObject();
+    if (!budget || !unknownMember(*budget, {"warn", "block"}).empty())
+      reject("\"compaction_token_budget\" is not an object of \"warn\" and \"block\"");
+    policies.warnTokens = parseTokens(*budget, "warn");
+    policies.blockTokens = parseTokens(*budget, "block");
+  }
   return policies;
 }
 
-Verdict evaluate(const Policies& policies, const std::string& workflow, std::int64_t tokens) {
-  Verdict verdict;
-  const auto apply = [&verdict](std::string_view policy, std::string_view action, const std::string& reason) {
-    verdict.evaluations.push_back(Json::Object{{"policy", policy}, {"action", action}, {"reason", reason}});
-    if (verdict.evaluations.size() > 1 && strictness(action) <= strictness(verdict.action)) return;
-    verdict.action = action;
-    verdict.reason = reason;
+PolicyDecision evaluate(const Policies& policies, const std::string& workflow, std::int64_t tokens) {
+  PolicyDecision decision;
+  const auto apply = [&decision](std::string_view policy, std::string_view action,
+                                 const std::string& reason) {
+    decision.evaluations.push_back(Json::Object{{"policy", policy}, {"action", action}, {"reason", reason}});
+    if (decision.evaluations.size() > 1 && strictness(action) <= strictness(decision.action)) return;
+    decision.action = action;
+    decision.reason = reason;
   };
   const auto rule = std::ranges::find_if(
       policies.rules, [&](const PolicyRule& candidate) { return Paths::glob(candidate.workflow, workflow); });
   if (rule != policies.rules.end()) apply(rule->workflow, rule->action, rule->reason);
-  if (workflow != compactionWorkflow) return verdict;
+  if (workflow != compactionWorkflow) return decision;
   const auto over = [tokens](std::optional<std::int64_t> limit) { return limit && tokens > *limit; };
   const bool block = over(policies.blockTokens);
   if (block || over(policies.warnTokens)) {
@@ -133,7 +98,7 @@ Verdict evaluate(const Policies& policies, const std::string& workflow, std::int
           "The run has used " + std::to_string(tokens) + " tokens; its budget is " + std::to_string(limit) +
               ".");
   }
-  return verdict;
+  return decision;
 }
 
 bool PolicyFile::refresh() {
@@ -143,10 +108,11 @@ bool PolicyFile::refresh() {
   seen_ = true;
   text_ = std::move(text);
   problem_.clear();
-  if (!text_) {
-    problem_ = "it cannot be read";
-  } else if (std::optional<Policies> parsed = parsePolicies(*text_, problem_)) {
-    policies_ = std::move(*parsed);
+  try {
+    if (!text_) reject("it cannot be read");
+    policies_ = parsePolicies(*text_);
+  } catch (const std::runtime_error& error) {
+    problem_ = error.what();
   }
   return true;
 }

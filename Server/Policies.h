@@ -34,21 +34,21 @@ struct Policies {
   std::optional<std::int64_t> blockTokens;
 };
 
-struct Verdict {
+struct PolicyDecision {
   std::string action = "allow";
   std::string reason;
   Json::Array evaluations;  // what spoke, each with its "policy", "action" and "reason"
 };
 
-// The policies of one text; absent, with `problem` saying why, when it is unusable.
-std::optional<Policies> parsePolicies(std::string_view text, std::string& problem);
+// The policies of one text. Throws std::runtime_error, saying where it is wrong, when it is unusable.
+Policies parsePolicies(std::string_view text);
 
 // The workflow that the token budget is for.
 inline constexpr std::string_view compactionWorkflow = "claude-code:precompact";
 
 // What the policies say about `workflow` of a run that has used `tokens` (looked at for a compaction only).
 // Of a rule and the token budget the stricter one holds.
-Verdict evaluate(const Policies& policies, const std::string& workflow, std::int64_t tokens);
+PolicyDecision evaluate(const Policies& policies, const std::string& workflow, std::int64_t tokens);
 
 // The policies in force: those of the file as it was when it was last usable.
 class PolicyFile {

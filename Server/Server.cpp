@@ -2,6 +2,7 @@
 
 #include <boost/asio.hpp>
 #include <boost/beast.hpp>
+#include <boost/url.hpp>
 #include <csignal>
 
 namespace LocalControlPlane {
@@ -16,29 +17,16 @@ using tcp = net::ip::tcp;
 // Completion as values: std::tuple<error_code, ...>.
 constexpr auto awaited = net::as_tuple(net::use_awaitable);
 
-std::string queryItem(std::string_view query, std::string_view name) {
-  for (std::size_t start = 0; start < query.size();) {
-    const std::size_t end = std::min(query.find('&', start), query.size());
-    const std::string_view item = query.substr(start, end - start);
-    if (item.starts_with(name) && item.substr(name.size()).starts_with('=')) {
-      return std::string(item.substr(name.size() + 1));
-    }
-    start = end + 1;
-  }
-  return "";
-}
-
 Request requestOf(const http::request<http::string_body>& message, bool fromLoopback) {
-  const auto header = [&message](std::string_view name) {
-    const auto value = message[beast::string_view(name.data(), name.size())];
-    return std::string(value.data(), value.size());
-  };
-  const std::string_view target(message.target().data(), message.target().size());
-  const std::size_t query = std::min(target.find('?'), target.size());
+  const auto header = [&message](std::string_view name) { return std::string(message[name]); };
   Request request;
   request.method = std::string(message.method_string());
-  request.target = std::string(target.substr(0, query));
-  request.process = queryItem(target.substr(std::min(query + 1, target.size())), "process");
+  request.target = std::string(message.target());
+  if (const auto url = boost::urls::parse_origin_form(message.target())) {
+    request.target = std::string(url->encoded_path());
+    const auto process = url->params().find("process");
+    if (process != url->params().end()) request.process = (*process).value;
+  }
   request.key = header("X-Quib-Key");
   request.device = header("X-Quib-Device");
   request.tenant = header("X-Quib-Tenant");
@@ -165,15 +153,15 @@ Server::Server(ControlPlane& controlPlane, const std::string& address, std::uint
     : listener_(new Listener{controlPlane, limits}) {
   beast::error_code error;
   const tcp::endpoint endpoint(net::ip::make_address(address, error), port);
-  if (error) throw ServerError("\"" + address + "\" is not an IP address");
+  if (error) throw std::runtime_error("\"" + address + "\" is not an IP address");
   tcp::acceptor& acceptor = listener_->acceptor;
   acceptor.open(endpoint.protocol(), error);
   if (!error) acceptor.set_option(net::socket_base::reuse_address(true), error);
   if (!error) acceptor.bind(endpoint, error);
   if (!error) acceptor.listen(net::socket_base::max_listen_connections, error);
   if (error)
-    throw ServerError("cannot listen on " + address + " port " + std::to_string(port) + ": " +
-                      error.message());
+    throw std::runtime_error("cannot listen on " + address + " port " + std::to_string(port) + ": " +
+                             error.message());
   net::co_spawn(listener_->context, listener_->accept(), net::detached);
 }
 

@@ -5,16 +5,11 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <stdexcept>
 #include <string>
 
 #include "Server/ControlPlane.h"
 
 namespace LocalControlPlane {
-
-struct ServerError : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
 
 struct Limits {
   std::uint32_t head = 16'384;             // bytes
@@ -27,7 +22,8 @@ struct Limits {
 
 class Server {
  public:
-  // Listens on `address` (an IP address) and `port` (0: any free one). Throws ServerError when it cannot.
+  // Listens on `address` (an IP address) and `port` (0: any free one). Throws std::runtime_error when it
+  // cannot.
   Server(ControlPlane& controlPlane, const std::string& address, std::uint16_t port, Limits limits = {});
   ~Server();
   Server(const Server&) = delete;

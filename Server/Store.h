@@ -3,24 +3,22 @@
 // file is locked from opening to the end.
 //
 // Runs named here exist: whoever calls has asked `hasRun`. Whatever SQLite refuses (the file of another
-// process, a full disk) is a StoreError; what was asked for is then not recorded, not even in part.
+// process, a full disk) throws std::runtime_error; what was asked for is then not recorded, not even in part.
 #pragma once
 
 #include <cstdint>
-#include <stdexcept>
+#include <memory>
 #include <string>
 #include <string_view>
 
 #include "Platform/Json/Json.h"
 #include "Server/Policies.h"
 
-struct sqlite3;
+namespace SQLite {
+class Database;
+}
 
 namespace LocalControlPlane {
-
-struct StoreError : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
 
 struct Run {
   std::string id;
@@ -53,9 +51,9 @@ class Store {
   void recordSpans(const std::string& runID, const Json::Array& spans);
   void recordCalls(const std::string& runID, const Json::Array& calls);
   // `runID` as the agent named it, possibly empty or unknown.
-  void recordDecision(const std::string& runID, const std::string& workflow, const Verdict& verdict);
-  // False when the run was complete already; it then stays as it was.
-  bool completeRun(const std::string& runID, const Json::Object& body);
+  void recordDecision(const std::string& runID, const std::string& workflow, const PolicyDecision& decision);
+  // A run that was complete already stays as it was.
+  void completeRun(const std::string& runID, const Json::Object& body);
 
   // Tokens of the run's LLM calls, and of the context it announced when it was last about to compact it.
   std::int64_t tokens(const std::string& runID);
@@ -73,7 +71,7 @@ class Store {
   std::int64_t version() const { return version_; }
 
  private:
-  sqlite3* database_ = nullptr;
+  std::unique_ptr<SQLite::Database> database_;
   std::int64_t version_;
 };
 

@@ -1,8 +1,8 @@
 #include "Shared/DeviceIdentity.h"
 
-#include "Platform/SmallFile.h"
 #include "Platform/Http/Url.h"
 #include "Platform/Json/Json.h"
+#include "Platform/SmallFile.h"
 
 namespace DeviceIdentity {
 

@@ -5,10 +5,10 @@
 #include <string_view>
 #include <vector>
 
-#include "Platform/SmallFile.h"
 #include "Platform/Json/Utf8.h"
 #include "Platform/Paths.h"
 #include "Platform/Process.h"
+#include "Platform/SmallFile.h"
 #include "Platform/Text.h"
 
 namespace {

@@ -18,7 +18,7 @@ struct ObserveClient {
   int maxAttempts = 3;                                                         // of one post, at least 1
   std::chrono::milliseconds retryBaseDelay{1'000};  // pause after failed attempt n (from 0): this times 2^n
 
-  mutable int lastStatus = 0;                       // of the last answer; 0: none came
+  mutable int lastStatus = 0;  // of the last answer; 0: none came
 
   struct StartRunResult {
     std::string runID;

@@ -4,10 +4,10 @@
 #include <optional>
 #include <utility>
 
-#include "Platform/SmallFile.h"
 #include "Platform/Json/Json.h"
 #include "Platform/Log.h"
 #include "Platform/Paths.h"
+#include "Platform/SmallFile.h"
 
 namespace HookHandler {
 namespace {

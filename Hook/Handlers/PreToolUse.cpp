@@ -108,7 +108,8 @@ struct Gate {
 Outcome judgeWithoutRun(const Json::Object& data, const ObserveClient& client) {
   const std::string& cwd = data.text("cwd");
   Gate gate{{{}, client}, data.text("tool_name")};
-  const Verdict verdict = checked(gate.toolName, data.object("tool_input"), HookHandler::loadEffectiveConfig(cwd), cwd);
+  const Verdict verdict =
+      checked(gate.toolName, data.object("tool_input"), HookHandler::loadEffectiveConfig(cwd), cwd);
   if (verdict.action == Verdict::Action::block) return Deny{eventName, "Obrisk guard: " + verdict.message};
   if (verdict.action == Verdict::Action::warn) gate.add(verdict.message);
   if (auto denied = gate.applyFailDefault()) return *denied;

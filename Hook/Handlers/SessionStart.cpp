@@ -70,8 +70,8 @@ Outcome handleSessionStart(const Json::Object& data, const ObserveClient& client
   const bool isStarted = startSession(data, client).has_value();
   const int status = client.lastStatus;
   if (!isStarted && (status == 401 || status == 403)) {
-    const std::string refusal = "the control plane refuses this session with status " + std::to_string(status) +
-                                "; nothing of it is recorded. Is its key valid?";
+    const std::string refusal = "the control plane refuses this session with status " +
+                                std::to_string(status) + "; nothing of it is recorded. Is its key valid?";
     logger.error(refusal);
     Process::writeError("quib-hook: " + refusal + "\n");
   }

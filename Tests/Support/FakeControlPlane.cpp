@@ -261,6 +261,7 @@ FakeControlPlane::~FakeControlPlane() {
 
 void FakeControlPlane::on(const std::string& pattern, Handler handler) {
   const std::lock_guard lock(state_->mutex);
+  std::erase_if(state_->handlers, [&](const auto& each) { return each.first == pattern; });
   state_->handlers.emplace_back(pattern, std::move(handler));
 }
 

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <regex>
 #include <sstream>
 
 #include "Platform/Clock.h"
@@ -32,6 +33,7 @@ void redirect(int descriptor, const std::string& file, int flags) {
 }  // namespace
 
 Sandbox::Sandbox() {
+  ::testing::UnitTest::GetInstance();  // so that it outlives a sandbox that is static
   root_ = (fs::temp_directory_path() / "quib-test-XXXXXX").string();
   if (!::mkdtemp(root_.data())) throw std::runtime_error("no temporary directory");
   fs::create_directory(home());
@@ -169,4 +171,8 @@ Json::Object parsed(const std::string& text) {
   auto object = Json::parseObject(text);
   EXPECT_TRUE(object) << "not a JSON object: " << text;
   return object.value_or(Json::Object());
+}
+
+std::string undated(const std::string& text) {
+  return std::regex_replace(text, std::regex(Clock::date() + R"(T\d\d:\d\d:\d\d\.\d{3}Z)"), "<now>");
 }

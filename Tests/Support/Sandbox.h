@@ -88,3 +88,6 @@ std::string contentOf(const std::string& path);
 std::vector<Json::Object> jsonLines(const std::string& path);
 
 Json::Object parsed(const std::string& text);
+
+// The text with <now> for every date-time of today.
+std::string undated(const std::string& text);

@@ -16,11 +16,6 @@ namespace {
 
 constexpr std::size_t longRun = 30;
 
-void replaceAll(std::string& text, const std::string& from, const std::string& to) {
-  for (std::size_t at = text.find(from); at != text.npos; at = text.find(from, at + to.size()))
-    text.replace(at, from.size(), to);
-}
-
 // The first word of `text`, which loses it.
 std::string takeWord(std::string& text) {
   const std::size_t end = std::min(text.find(' '), text.size());
@@ -139,7 +134,7 @@ void SessionScript::playEach(std::string_view script, std::string_view table) {
   for (const auto& row : rows(table)) {
     std::string text(script);
     for (std::size_t column = 0; column < row.size(); ++column)
-      replaceAll(text, "%" + std::to_string(column + 1), row[column]);
+      text = replaced(std::move(text), "%" + std::to_string(column + 1), row[column]);
     play(text);
   }
 }
@@ -203,9 +198,9 @@ std::string SessionScript::expanded(std::string text) const {
   static const std::regex run(R"(<(.)\*(\d+)>)");
   for (std::smatch found; std::regex_search(text, found, run);)
     text = found.prefix().str() + std::string(std::stoul(found[2]), *found[1].first) + found.suffix().str();
-  replaceAll(text, "@project", sandbox.project());
-  replaceAll(text, "@root", sandbox.root());
-  replaceAll(text, "@now", Clock::dateTime());
+  text = replaced(std::move(text), "@project", sandbox.project());
+  text = replaced(std::move(text), "@root", sandbox.root());
+  text = replaced(std::move(text), "@now", Clock::dateTime());
   return text;
 }
 
@@ -215,11 +210,11 @@ std::string SessionScript::abbreviated(std::string text) const {
     const std::string run = std::string("<") + text[at] + "*" + std::to_string(length) + ">";
     if (length >= longRun) text.replace(at, length, run);
   }
-  replaceAll(text, "\\/", "/");
-  replaceAll(text, sandbox.project(), "@project");
-  replaceAll(text, sandbox.root(), "@root");
+  text = replaced(std::move(text), "\\/", "/");
+  text = replaced(std::move(text), sandbox.project(), "@project");
+  text = replaced(std::move(text), sandbox.root(), "@root");
   text = std::regex_replace(text, std::regex("\"" + Clock::date() + R"(T\d\d:\d\d:\d\d\.\d{3}Z")"), "now");
   text = std::regex_replace(text, std::regex(R"re("([\w.]+)":)re"), "$1:");
-  replaceAll(text, "hardware_uuid:\"" + HardwareID::uuid() + "\"", "hardware_uuid:uuid");
+  text = replaced(std::move(text), "hardware_uuid:\"" + HardwareID::uuid() + "\"", "hardware_uuid:uuid");
   return text;
 }

@@ -10,18 +10,13 @@ constexpr std::pair<std::string_view, char> pictures[] = {
     {"␀", '\0'}, {"␈", '\b'}, {"␉", '\t'}, {"␊", '\n'}, {"␍", '\r'}, {"␛", '\x1B'}, {"␠", ' '}, {"␡", '\x7F'},
 };
 
-void replaceAll(std::string& text, std::string_view from, std::string_view to) {
-  for (std::size_t at = text.find(from); at != text.npos; at = text.find(from, at + to.size()))
-    text.replace(at, from.size(), to);
-}
-
 std::string column(std::string_view text) {
   const std::size_t first = text.find_first_not_of(' ');
   if (first == text.npos) return "";
   std::string value(text.substr(first, text.find_last_not_of(' ') - first + 1));
   if (value == "∅") return "";
   for (const auto& [picture, character] : pictures)
-    replaceAll(value, picture, {&character, 1});
+    value = replaced(std::move(value), picture, {&character, 1});
   return value;
 }
 
@@ -52,4 +47,10 @@ std::vector<std::string> words(std::string_view text) {
   for (std::string word; in >> word;)
     found.push_back(word);
   return found;
+}
+
+std::string replaced(std::string text, std::string_view from, std::string_view to) {
+  for (std::size_t at = text.find(from); at != text.npos; at = text.find(from, at + to.size()))
+    text.replace(at, from.size(), to);
+  return text;
 }

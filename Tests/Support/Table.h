@@ -13,3 +13,6 @@ std::vector<std::vector<std::string>> rows(std::string_view table);
 
 // The words of a text, as blanks and line feeds separate them.
 std::vector<std::string> words(std::string_view text);
+
+// `text` with `to` in every place of `from`.
+std::string replaced(std::string text, std::string_view from, std::string_view to);

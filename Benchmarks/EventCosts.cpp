@@ -1,5 +1,5 @@
-// Measures what the hook costs: `quib-bench table` prints one table, `quib-bench plots DIRECTORY` writes the
-// plots of how the costs grow. `--rounds N` sets how often each thing is timed.
+// Measures what the hook costs: `event-costs table` prints one table, `event-costs plots DIRECTORY` writes
+// the plots of how the costs grow. `--rounds N` sets how often each thing is timed.
 
 #include <algorithm>
 #include <cstdio>
@@ -8,9 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "Benchmarks/Growth.h"
-#include "Benchmarks/Stage.h"
-#include "Benchmarks/Table.h"
+#include "Benchmarks/EventCosts.h"
 
 namespace {
 
@@ -22,11 +20,11 @@ int run(std::vector<std::string> words) {
   }
   const Stage stage;
   if (words.size() == 1 && words[0] == "table") {
-    std::fputs(Table::measured(stage, rounds).c_str(), stdout);
+    std::fputs(EventCosts::table(stage, rounds).c_str(), stdout);
   } else if (words.size() == 2 && words[0] == "plots") {
-    Growth::plot(stage, words[1], rounds);
+    EventCosts::plot(stage, words[1], rounds);
   } else {
-    std::fputs("Usage: quib-bench table | plots DIRECTORY  [--rounds N]\n", stderr);
+    std::fputs("Usage: event-costs table | plots DIRECTORY  [--rounds N]\n", stderr);
     return 2;
   }
   return 0;
@@ -38,7 +36,7 @@ int main(int argc, char** argv) {
   try {
     return run({argv + 1, argv + argc});
   } catch (const std::exception& failure) {
-    std::fprintf(stderr, "quib-bench: %s\n", failure.what());
+    std::fprintf(stderr, "event-costs: %s\n", failure.what());
     return 1;
   }
 }
