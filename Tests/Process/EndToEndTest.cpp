@@ -170,44 +170,32 @@ TEST_F(EndToEnd, ReadsAHugeEventInBoundedMemory) {
 }
 
 TEST_F(EndToEnd, ASessionOfOneProcessForEachEvent) {
-  playEach(R"(
-    == a session of %1 ¦ %2 ¦ given none
-    > SessionStart {cwd:"@project",model:"m"} ¦ runs/%3 {…} %4/steps 0 session_start kitu {…} record {…}
-    > UserPromptSubmit {prompt:"p"} ¦ %4/steps 1 user_prompt {prompt:"p"} record {span_count:2}
-    > PreToolUse {tool_name:"Bash",tool_input:{command:"ls"}} ¦ %5
+  const std::string life = R"(
+    == a session of %1 ¦ %1 ¦ given none
+    > SessionStart {cwd:"@project",model:"m"} ¦ runs/%2 {…} %3/steps 0 session_start kitu {…} record {…}
     > PostToolUse {tool_name:"Write",tool_input:{file_path:"/p/a"}}
-      %4/spans {…} %4/steps 2 tool_use:Write kist {…} record {modified_files:["/p/a"],span_count:3}
+      %3/spans {…} %3/steps 1 tool_use:Write kist {…} record {modified_files:["/p/a"],span_count:2}
     > PreToolUse {tool_name:"Bash",tool_input:{command:"rm -rf /"}}
       deny Obrisk guard: Blocked command pattern: rm -rf /
-      %4/steps 3 deny by destructive_command of Bash: Blocked command pattern: rm -rf / record {span_count:4}
+      %3/steps 2 deny by destructive_command of Bash: Blocked command pattern: rm -rf / record {span_count:3}
     > PreToolUse {tool_name:"Bash",tool_input:{command:"git push origin main"}}
       ask Obrisk: Push to protected branch 'main' — confirm?
-      %4/steps 4 ask by git_safety of Bash: Push to protected branch 'main' — confirm?%5 record {span_count:5}
-    > PostToolUseFailure {tool_name:"Bash"} ¦ %4/spans {…} %4/steps 5 tool_failure {…} record {span_count:7}
-    > SubagentStart {agent_id:"a"} ¦ %4/steps 7 subagent_start {…}
-      record {pending_subagent_spans:{a:{…}},span_count:8}
-    > SubagentStop {agent_id:"a"} ¦ %4/spans {…} %4/steps 8 subagent_stop {…}
-      record {pending_subagent_spans:{},span_count:10}
-    > PreCompact {} ¦ %4/steps 10 pre_compact {}%5 record {span_count:11}
+      %3/steps 3 ask by git_safety of Bash: Push to protected branch 'main' — confirm?%4 record {span_count:4}
+    > SubagentStart {agent_id:"a"} ¦ %3/steps 4 subagent_start {…} record {pending_subagent_spans:{…},
+      span_count:5}
+    > SubagentStop {agent_id:"a"} ¦ %3/spans {…} %3/steps 5 subagent_stop {…}
+      record {pending_subagent_spans:{},span_count:7}
     file @root/t {type:"assistant",timestamp:"@now",message:{id:"m1",usage:{input_tokens:1}}}␊
-    > Stop {transcript_path:"@root/t"} ¦ %4/llm-calls {…}%5 %4/steps 11 stop {…} %6)",
-           R"(
-    a daily run ¦ daily ¦ daily ¦ daily-1 ¦ ␠policy-check {…} ¦ record {span_count:12,transcript_offset:109}
-    its own run ¦ own   ¦ start ¦ run-1   ¦ ∅                 ¦ run-1/complete {…} record none
-  )");
-}
-
-TEST_F(EndToEnd, TheNextTurnsOfASession) {
-  playEach(R"(
-    == every turn of %1 ¦ %1 ¦ given {is_daily_session:%2}
-    file @root/t {type:"assistant",timestamp:"@now",message:{id:"m1",usage:{input_tokens:1}}}␊
-    > Stop {transcript_path:"@root/t"} ¦ %3
-    > Stop {transcript_path:"@root/t"} ¦ %4
-    > SessionEnd {} ¦ %5)",
-           R"(
-    own   ¦ false ¦ llm-calls {…} steps 0 stop {…} complete {…} record none ¦ runs/start {…} run-1/steps 0 session_start kitu {…} run-1/llm-calls {…} run-1/steps 1 stop {…} run-1/complete {…} ¦ ∅
-    daily ¦ true  ¦ llm-calls {…} policy-check {…} steps 0 stop {…} record {…} ¦ steps 1 stop {…} record {…} ¦ steps 2 stop {…} record {…}
-  )");
+    > Stop {transcript_path:"@root/t"} ¦ %3/llm-calls {…}%4 %3/steps 7 stop {…})";
+  playEach(life + R"( record {…}
+    > Stop {transcript_path:"@root/t"} ¦ %3/steps 8 stop {…} record {…}
+    > SessionEnd {} ¦ %3/steps 9 stop {…} record {…})",
+           "daily ¦ daily ¦ daily-1 ¦ ␠policy-check {…}");
+  playEach(life + R"( %3/complete {…} record none
+    > Stop {transcript_path:"@root/t"} ¦ runs/start {…} run-2/steps 0 session_start kitu {…}
+      run-2/llm-calls {…} run-2/steps 1 stop {…} run-2/complete {…}
+    > SessionEnd {})",
+           "own ¦ start ¦ run-1 ¦ ∅");
   EXPECT_EQ(logged(), 0u);
 }
 

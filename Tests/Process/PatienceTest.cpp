@@ -1,24 +1,24 @@
 // What one event takes: at most so many requests, each of so many attempts, each of so many seconds, as
 // Docs/reliability.md has them; memory, and descriptors that it gives back.
 #include <gtest/gtest.h>
-
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <future>
 #include <iostream>
 #include <mutex>
 #include <random>
-#include <sstream>
+#include <regex>
 
 #include "Hook/EventRouter.h"
 #include "Hook/Handlers/Handlers.h"
 #include "Hook/State/SessionStore.h"
 #include "Platform/Clock.h"
 #include "Platform/Files.h"
-#include "Shared/DeviceIdentity.h"
 #include "Tests/Support/Events.h"
 #include "Tests/Support/SessionFixture.h"
 
@@ -29,99 +29,65 @@ using namespace EventRouter;
 using Fault = FakeControlPlane::Fault;
 using Reply = FakeControlPlane::Reply;
 
-Outcome handleOther(const Json::Object& data, const ObserveClient& client) {
-  return handleGeneric(data, "other", {}, client);
-}
-
-struct Row {
-  const char* event;
-  Outcome (*handler)(const Json::Object& data, const ObserveClient& client);
-};
-
-constexpr Row handlers[] = {
-    {"SessionStart", handleSessionStart},
-    {"PreToolUse", handlePreToolUse},
-    {"PostToolUse", handlePostToolUse},
-    {"PostToolUseFailure", handlePostToolUseFailure},
-    {"SubagentStart", handleSubagentStart},
-    {"SubagentStop", handleSubagentStop},
-    {"TeammateIdle", handleTeammateIdle},
-    {"PreCompact", handlePreCompact},
-    {"Stop", handleStop},
-    {"SessionEnd", handleSessionEnd},
-    {"every other", handleOther},
-};
-
-struct Limit {
-  int requests = 0;
-  int seconds = 0;
-};
-
-// The row "| event | requests | seconds |" of the document.
-Limit documented(const std::string& event) {
-  std::ifstream document(QUIB_SOURCE_DIR "/Docs/reliability.md");
-  Limit limit;
-  for (std::string line, start = "| " + event + " | "; std::getline(document, line);) {
-    char bar = 0;
-    if (line.starts_with(start))
-      std::istringstream(line.substr(start.size())) >> limit.requests >> bar >> limit.seconds;
-  }
-  EXPECT_GT(limit.requests, 0) << "no row for " << event;
-  return limit;
+// The rows "| event | requests | seconds |" of the document.
+std::vector<std::tuple<std::string, int, int>> documented() {
+  const std::string document = contentOf(QUIB_SOURCE_DIR "/Docs/reliability.md");
+  const std::regex row(R"(\| ([\w ]+) \| (\d+) \| (\d+) \|)");
+  std::vector<std::tuple<std::string, int, int>> found;
+  for (std::sregex_iterator at(document.begin(), document.end(), row), end; at != end; ++at)
+    found.emplace_back((*at)[1], std::stoi((*at)[2]), std::stoi((*at)[3]));
+  EXPECT_EQ(found.size(), 11u);
+  return found;
 }
 
 class Patience : public SessionFixture {
  protected:
   Patience() {
+    sandbox.configure(plane.url(), "reviewer");
     sandbox.write(sandbox.root() + "/transcript", transcriptOf(1));
     // One file change is already one too many, so that a write has as much to report as it can have.
     sandbox.write(sandbox.home() + "/.obrisk/guard.json", R"({"warn_file_changes":1})");
   }
 
-  Json::Object eventOf(const char* name) const {
-    return event(name, {{"cwd", sandbox.project()},
-                        {"tool_name", "Write"},
-                        {"tool_input", Json::Object{{"file_path", sandbox.project() + "/a.txt"}}},
-                        {"agent_id", "a"},
-                        {"transcript_path", sandbox.root() + "/transcript"}});
-  }
-
-  // A session that has just modified the file to be written, in a group.
-  void store(const char* id, const std::string& startedAt) {
+  // A session of a group, and of `files`.
+  void store(const char* id, const std::string& startedAt, const std::vector<std::string>& files) {
     SessionState state = started();
     state.session_id = id;
     state.started_at = startedAt;
     state.is_cowork = true;
-    if (id != std::string("s")) state.modified_files = {sandbox.project() + "/a.txt"};
+    state.modified_files = files;
     ASSERT_FALSE(SessionStore::save(state));
   }
 
   // Called by the threads of the server.
   Reply reply(const FakeControlPlane::Request& request) {
     const std::lock_guard lock(mutex_);
-    if (++attempts_ % 3 != 0 && (atWorst_ || random_() % 8 == 0)) return FakeControlPlane::status(503);
     const bool isDaily = request.path().ends_with("/daily/");
-    const bool none = isDaily && noDailyRunAtFirst_ && dailyRuns_++ == 0;
+    const bool isNone = isDaily && std::exchange(noDailyRunAtFirst_, false);
     return FakeControlPlane::json(
-        {{"run_id", none ? "" : (isDaily ? "daily-" : "run-") + std::to_string(++runs_)},
+        {{"run_id", isNone ? "" : (isDaily ? "daily-" : "run-") + std::to_string(++runs_)},
          {"started_at", chance() ? stale : Clock::dateTime()},
          {"action", chance() ? "warn" : "allow"},
          {"metadata", Json::Object{{"cost_cap", 0.001}}}});
   }
 
-  // The attempts that one event makes. With `atWorst` everything goes as wrong as it can.
-  int attempts(const Row& row, bool known, bool atWorst) {
-    std::unique_lock lock(mutex_);
+  // The requests that one event makes. With `atWorst` everything goes as wrong as it can.
+  std::size_t requests(const std::string& name, bool isKnown, bool atWorst) {
+    const std::string file = sandbox.project() + "/a.txt";
     SessionStore::remove("s");
-    store("teammate", Clock::dateTime());
+    store("teammate", Clock::dateTime(), {file});
+    std::unique_lock lock(mutex_);
     atWorst_ = atWorst;
-    if (known) store("s", chance() ? stale : Clock::dateTime());
-    attempts_ = dailyRuns_ = 0;
-    noDailyRunAtFirst_ = !known;
+    noDailyRunAtFirst_ = !isKnown;
+    if (isKnown) store("s", chance() ? stale : Clock::dateTime(), {});
     lock.unlock();
-    row.handler(eventOf(row.event), daily());
-    lock.lock();
-    return attempts_;
+    const std::size_t before = plane.requests().size();
+    EventRouter::handle(event(name, {{"cwd", sandbox.project()},
+                                     {"tool_name", "Write"},
+                                     {"tool_input", Json::Object{{"file_path", file}}},
+                                     {"transcript_path", sandbox.root() + "/transcript"}}),
+                        std::nullopt, "claude");
+    return plane.requests().size() - before;
   }
 
  private:
@@ -132,32 +98,31 @@ class Patience : public SessionFixture {
   std::mt19937 random_{1};
   bool atWorst_ = false;
   bool noDailyRunAtFirst_ = false;
-  int attempts_ = 0;
-  int dailyRuns_ = 0;
   int runs_ = 0;  // of all events: what is recorded of one must not spare another a request
 };
 
 TEST_F(Patience, EveryEventMakesAsManyRequestsAsDocumentedAndNoMore) {
   plane.on("*", [this](const FakeControlPlane::Request& request) { return reply(request); });
-  for (const Row& row : handlers) {
-    const int most = documented(row.event).requests * ObserveClient{}.maxAttempts;
-    EXPECT_EQ(std::max(attempts(row, false, true), attempts(row, true, true)), most) << row.event;
+  for (const auto& [name, most, seconds] : documented()) {
+    EXPECT_EQ(std::max(requests(name, false, true), requests(name, true, true)), most) << name;
     for (int trial = 0; trial < 20; ++trial)
-      EXPECT_LE(attempts(row, trial % 2 == 0, false), most) << row.event;
+      EXPECT_LE(requests(name, trial % 2 == 0, false), most) << name;
   }
 }
 
 TEST_F(Patience, TheDocumentedSecondsFollowFromTheClientsSettings) {
   const ObserveClient client;
+  const auto seconds = [](auto time) {
+    return std::to_string(std::chrono::round<std::chrono::seconds>(time).count()) + " s";
+  };
+  const std::string sentence = "An attempt ends after " + seconds(client.timeout.idle) +
+                               " without progress, and after " + seconds(client.timeout.overall);
+  EXPECT_NE(contentOf(QUIB_SOURCE_DIR "/Docs/reliability.md").find(sentence), std::string::npos) << sentence;
   auto ofOneRequest = client.maxAttempts * client.timeout.overall;
   for (int pause = 0; pause + 1 < client.maxAttempts; ++pause)
     ofOneRequest += client.retryBaseDelay * (1 << pause);
-  for (const Row& row : handlers) {
-    const Limit limit = documented(row.event);
-    EXPECT_EQ(limit.requests * ofOneRequest + DeviceIdentity::timeout.overall,
-              std::chrono::seconds(limit.seconds))
-        << row.event;
-  }
+  for (const auto& [name, requests, most] : documented())
+    EXPECT_EQ(requests * ofOneRequest + DeviceIdentity::timeout.overall, std::chrono::seconds(most)) << name;
 }
 
 // Every attempt is given up, in the step that it was in, and without computing while it waits; the fail
@@ -194,49 +159,61 @@ TEST_F(Patience, EveryKindOfSilenceEndsWithTheTimeout) {
   EXPECT_LT(std::clock() - start, CLOCKS_PER_SEC);
 }
 
-using Footprint = Patience;
+class Footprint : public Patience {
+ protected:
+  std::vector<Json::Object> events() const {
+    return everyEvent(sandbox.project(), sandbox.root() + "/transcript");
+  }
 
-// Kilobytes that the process has had at most since it became the hook, looked at until it ends. What the
-// system says afterwards begins with what this process had when it forked.
-long peakOf(pid_t process) {
-  long peak = 0;
-  siginfo_t ended{};
-  do {
-    std::ifstream file("/proc/" + std::to_string(process) + "/status");
-    std::string key, name;
-    while (file >> key) {
-      long kilobytes = 0;
-      if (key == "Name:") file >> name;
-      if (key == "VmHWM:" && name == "quib-hook" && file >> kilobytes) peak = std::max(peak, kilobytes);
-      file.ignore(1000, '\n');
-    }
-    ::usleep(200);
-  } while (::waitid(P_PID, static_cast<id_t>(process), &ended, WEXITED | WNOHANG) == 0 && ended.si_pid == 0);
-  EXPECT_EQ(ended.si_status, 0);
-  return peak;
-}
+  // What the system said of the executable, in that file of its, when it made its last request.
+  std::string saidAtLastRequest(const Json::Object& event, const char* file) {
+    std::promise<pid_t> started;
+    std::string text;
+    plane.on("*", [&, process = started.get_future().share()](const FakeControlPlane::Request&) {
+      std::getline(std::ifstream("/proc/" + std::to_string(process.get()) + "/" + file), text, '\0');
+      return Reply();
+    });
+    sandbox.write(sandbox.root() + "/event", Json(event).compact());
+    started.set_value(sandbox.start({}, sandbox.root() + "/event", "/dev/null", "/dev/null"));
+    int status = 0;
+    ::wait(&status);
+    EXPECT_EQ(status, 0);
+    return text;
+  }
+};
 
+#ifdef __linux__
 TEST_F(Footprint, AnOrdinaryEventPeaksUnderTwentyMegabytes) {
 #ifdef __SANITIZE_ADDRESS__
   GTEST_SKIP() << "a sanitizer has memory of its own";
 #endif
-  sandbox.configure(plane.url(), "reviewer");
-  plane.on("*", {.delay = std::chrono::milliseconds(20)});  // time to look
-  long most = 0;
-  for (const Json::Object& each : everyEvent(sandbox.project(), sandbox.root() + "/transcript")) {
-    sandbox.write(sandbox.root() + "/event", Json(each).compact());
-    const long peak = peakOf(sandbox.start({}, sandbox.root() + "/event", "/dev/null", "/dev/null"));
-    EXPECT_LT(peak, 20'000) << "kilobytes for " << each.text("hook_event_name");
-    most = std::max(most, peak);
+  int most = 0;
+  for (const Json::Object& each : events()) {
+    ASSERT_FALSE(SessionStore::save(started()));
+    const std::string status = saidAtLastRequest(each, "status");
+    std::smatch peak;
+    if (std::regex_search(status, peak, std::regex(R"(VmHWM:\s+(\d+) kB)")))
+      most = std::max(most, std::stoi(peak[1]));
   }
   EXPECT_GT(most, 1'000) << "or nothing was seen";
+  EXPECT_LT(most, 20'000);
   std::cout << "peak memory of an ordinary event: " << most << " kB\n";
 }
+
+TEST_F(Footprint, AProcessThatHoldsAKeyLeavesNoCore) {
+  sandbox.inChild = [] {
+    const rlimit any{RLIM_INFINITY, RLIM_INFINITY};
+    ::setrlimit(RLIMIT_CORE, &any);
+  };
+  const std::string limits = saidAtLastRequest(event("PreToolUse"), "limits");
+  EXPECT_TRUE(std::regex_search(limits, std::regex("Max core file size +0 +0 "))) << limits;
+}
+#endif
 
 TEST_F(Footprint, NoEventKeepsADescriptor) {
   const auto open = [] { return std::distance(std::filesystem::directory_iterator("/dev/fd"), {}); };
   const auto play = [&] {
-    for (const Json::Object& each : everyEvent(sandbox.project(), sandbox.root() + "/transcript"))
+    for (const Json::Object& each : events())
       EventRouter::handle(each, std::nullopt, "claude");
     ObserveClient client = daily();
     client.maxAttempts = 1;

@@ -1,13 +1,10 @@
 // Secrets leave in the request that they are for and appear nowhere else, whatever goes wrong; what is
 // written is the user's alone.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <filesystem>
-#include <fstream>
-#include <future>
 #include <regex>
 
 #include "Hook/Handlers/Handlers.h"
@@ -157,26 +154,6 @@ TEST_F(Privacy, EveryFileIsItsUsersAlone) {
       files += entry.is_regular_file();
     }
   EXPECT_GE(files, 5) << "a profile, two logs, the record of calls, the session";
-}
-
-TEST_F(Privacy, AProcessThatHoldsAKeyLeavesNoCore) {
-#ifdef __linux__
-  sandbox.configure(plane.url(), "reviewer");
-  std::promise<pid_t> started;
-  std::string limits;
-  plane.on("*", [&, process = started.get_future().share()](const FakeControlPlane::Request&) {
-    std::getline(std::ifstream("/proc/" + std::to_string(process.get()) + "/limits"), limits, '\0');
-    return FakeControlPlane::Reply();
-  });
-  sandbox.inChild = [] {
-    const rlimit any{RLIM_INFINITY, RLIM_INFINITY};
-    ::setrlimit(RLIMIT_CORE, &any);
-  };
-  sandbox.write(sandbox.root() + "/event", Json(event("PreToolUse")).compact());
-  started.set_value(sandbox.start({}, sandbox.root() + "/event", "/dev/null", "/dev/null"));
-  ::wait(nullptr);
-  EXPECT_TRUE(std::regex_search(limits, std::regex("Max core file size +0 +0 "))) << limits;
-#endif
 }
 
 }  // namespace

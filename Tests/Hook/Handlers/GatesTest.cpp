@@ -1,10 +1,7 @@
 // The events that can be objected to, those that are recorded and no more, and what is recorded of a tool.
-#include <gtest/gtest.h>
-
 #include "Hook/Handlers/Handlers.h"
 #include "Hook/Handlers/Session.h"
 #include "Hook/Handlers/ToolSummaries.h"
-#include "Hook/State/SessionStore.h"
 #include "Hook/Transcript/Transcript.h"
 #include "Tests/Support/SessionScript.h"
 #include "Tests/Support/Table.h"
@@ -12,26 +9,7 @@
 namespace EventRouter {
 namespace {
 
-class Gates : public SessionScript {
- protected:
-  void SetUp() override {
-    reset();
-    command("own");
-  }
-
-  // What is seen of an event with that outcome and those steps, and then `rest`.
-  static std::string seen(std::string outcome, const std::vector<std::string>& steps,
-                          const std::string& rest = "") {
-    for (std::size_t position = 0; position < steps.size(); ++position)
-      outcome += " steps " + std::to_string(position) + " " + steps[position];
-    outcome += rest + (steps.empty() ? "" : " record {span_count:" + std::to_string(steps.size()) + "}");
-    return outcome.substr(outcome.starts_with(' '));
-  }
-
-  static Json::Object call(const std::string& tool, const std::string& member, const std::string& value) {
-    return event("PreToolUse", {{"tool_name", tool}, {"tool_input", Json::Object{{member, value}}}});
-  }
-};
+class Gates : public SessionScript {};
 
 TEST_F(Gates, AskThePolicyWhenNoLocalRuleBlocks) {
   play(R"(
@@ -42,145 +20,176 @@ TEST_F(Gates, AskThePolicyWhenNoLocalRuleBlocks) {
     == the policy is asked, but not without a slug ¦ daily
     > PreToolUse {tool_name:"Read",tool_input:{file_path:"/etc/passwd"}}
       policy-check {agent_id:"run-0",agent_name:"claude-code",workflow_name:"tool:Read"}
-    > PreCompact {}
-      steps 0 pre_compact {}
-      policy-check {agent_id:"run-0",agent_name:"claude-code",workflow_name:"claude-code:precompact"}
-      record {span_count:1}
+    > PreCompact {} ¦ steps 0 pre_compact {} policy-check {agent_id:"run-0",agent_name:"claude-code",
+      workflow_name:"claude-code:precompact"} record {span_count:1}
     own
     > PreToolUse {tool_name:"Read",tool_input:{file_path:"/etc/passwd"}}
     > PreToolUse {tool_name:7,tool_input:"x"}
     > PreCompact {} ¦ steps 1 pre_compact {} record {span_count:2}
-    == a warning hides the checks of files ¦ own
-    file @project/.obrisk/guard.json {warn_file_changes:1}
-    > PreToolUse {tool_name:"Write",tool_input:{file_path:"yarn.lock"}}
-      ask Obrisk: Write to sensitive file: yarn.lock (matched: *.lock)
-      steps 0 ask by file_protection of Write: Write to sensitive file: yarn.lock (matched: *.lock)
-      record {span_count:1}
     == local rules decide without a configuration, and what is not reported takes no position ¦ unconfigured
     > PreToolUse {tool_name:"Bash",tool_input:{command:"mkfs /dev/sda"}}
       deny Obrisk guard: Blocked command pattern: mkfs /dev/sda
   )");
 }
 
-TEST_F(Gates, EveryAnswerUnderEveryFailDefault) {
-  const std::string local = "Potentially dangerous command: rm -rf build", failure = "403 {}";
-  const std::pair<std::string, std::string> texts[] = {
-      {"LOCAL", local},
-      {"FAILED", "Policy check failed (controlplane unreachable); proceeding requires confirmation."},
-      {"UNASKED",
-       "Obrisk policy check failed and tenant default is deny — controlplane is unreachable. "
-       "Configure [claude-code] policy_check_fail_default=allow to override."}};
-  // The answer, the fail default, the command, the outcome, the decision and its violation.
-  for (const auto& row : rows(R"(
-    200 {action:"block",reason:"R"} ¦ allow ¦ ls           ¦ deny Obrisk policy blocked: R ¦ policy_block ¦ R
-    200 {action:"BLOCK"} ¦ ask ¦ ls ¦ deny Obrisk policy blocked: Policy violation ¦ policy_block ¦ Policy violation
-    200 {action:"block",reason:"R"} ¦ allow ¦ rm -rf build ¦ deny Obrisk policy blocked: R ¦ policy_block ¦ R
-    200 {action:"Warn",reason:"R"}  ¦ allow ¦ ls           ¦ ask Obrisk: Policy warning: R ¦ policy_warn  ¦ R
-    200 {action:"warn"} ¦ deny ¦ ls ¦ ask Obrisk: Policy warning: Policy warning ¦ policy_warn ¦ Policy warning
-    200 {action:"warn",reason:"R"} ¦ allow ¦ rm -rf build ¦ ask Obrisk: LOCAL; Policy warning: R ¦ policy_warn ¦ R
-    200 {action:"allow",reason:"x"} ¦ deny  ¦ ls
-    200 {}                          ¦ deny  ¦ ls
-    200 {action:"deny",reason:"x"}  ¦ deny  ¦ ls
-    200 {action:"ask",reason:"x"}   ¦ deny  ¦ ls
-    200 {action:"allow"}            ¦ allow ¦ rm -rf build ¦ ask Obrisk: LOCAL
-    403 {}                          ¦ allow ¦ ls
-    403 {}                          ¦ ask   ¦ ls           ¦ ask Obrisk: FAILED
-    403 {}                          ¦ deny  ¦ ls           ¦ deny UNASKED
-    403 {}                          ¦ ask   ¦ rm -rf build ¦ ask Obrisk: LOCAL; FAILED
-    403 {}                          ¦ deny  ¦ rm -rf build ¦ deny UNASKED
-  )")) {
-    reset();
-    command("daily " + row[1]);
-    command("plane policy-check " + row[0]);
-    std::string outcome = row[3];
-    for (const auto& [name, text] : texts)
-      if (const auto at = outcome.find(name); at != outcome.npos) outcome.replace(at, name.size(), text);
-    std::vector<std::string> steps;
-    if (row[2].starts_with("rm")) steps.push_back("ask by destructive_command of Bash: " + local);
-    (steps.empty() ? outcome : steps[0]) += " policy-check {…}";
-    if (!row[4].empty()) steps.push_back(row[4] + " by server-side of Bash: " + row[5]);
-    std::string expected = seen(outcome, steps);
-    if (row[0] == failure) expected += " log PreToolUse policy check failed; applying fail-default=" + row[1];
-    EXPECT_EQ(seenOf(call("Bash", "command", row[2]), expected), expected) << row[0];
-  }
-}
-
-TEST_F(Gates, TheBudgetDecidesOnACompaction) {
+TEST_F(Gates, TakeThePolicysAnswer) {
   playEach(R"(
     == %1 ¦ daily deny ¦ plane policy-check 200 %1
-    > PreCompact {pre_tokens:1} ¦ %2 steps 0 pre_compact {pre_tokens:1} policy-check {…}
-      steps 1 precompact_%3 by server-side of PreCompact: %4 record {span_count:2})",
+    > PreToolUse {tool_name:"Bash",tool_input:{command:"ls"}} ¦ %2 policy-check {…}
+      steps 0 policy_%3 by server-side of Bash: %4 record {span_count:1})",
            R"(
-    {action:"Block",reason:"R"} ¦ deny Obrisk policy blocked compaction: R ¦ block ¦ R
-    {action:"block"} ¦ deny Obrisk policy blocked compaction: budget threshold exceeded ¦ block ¦ Budget policy blocked compaction
-    {action:"WARN",reason:"R"} ¦ ask Obrisk budget warning before compaction: R ¦ warn ¦ R
-    {action:"warn"} ¦ ask Obrisk budget warning before compaction: approaching budget threshold ¦ warn ¦ Budget policy warning
+    {action:"block",reason:"R"} ¦ deny Obrisk policy blocked: R                ¦ block ¦ R
+    {action:"BLOCK"}            ¦ deny Obrisk policy blocked: Policy violation ¦ block ¦ Policy violation
+    {action:"Warn",reason:"R"}  ¦ ask Obrisk: Policy warning: R                ¦ warn  ¦ R
+    {action:"warn"}             ¦ ask Obrisk: Policy warning: Policy warning   ¦ warn  ¦ Policy warning
   )");
   playEach(R"(
-    == %1 ¦ daily deny ¦ plane policy-check %1
+    == %1 ¦ daily deny ¦ plane policy-check 200 %1
+    > PreCompact {pre_tokens:1} ¦ deny Obrisk policy blocked compaction: %2 steps 0 pre_compact {pre_tokens:1}
+      policy-check {…} steps 1 precompact_block by server-side of PreCompact: %3 record {span_count:2})",
+           R"(
+    {action:"Block",reason:"R"} ¦ R                         ¦ R
+    {action:"block"}            ¦ budget threshold exceeded ¦ Budget policy blocked compaction
+  )");
+  playEach(R"(
+    == %1 ¦ daily deny ¦ plane policy-check 200 %1
+    > PreCompact {pre_tokens:1} ¦ ask Obrisk budget warning before compaction: %2 steps 0 pre_compact
+      {pre_tokens:1}
+      policy-check {…} steps 1 precompact_warn by server-side of PreCompact: %3 record {span_count:2})",
+           R"(
+    {action:"WARN",reason:"R"} ¦ R                            ¦ R
+    {action:"warn"}            ¦ approaching budget threshold ¦ Budget policy warning
+  )");
+  playEach(R"(
+    == %1 ¦ daily deny ¦ plane policy-check 200 %1
+    > PreToolUse {tool_name:"Bash",tool_input:{command:"ls"}} ¦ policy-check {…}
     > PreCompact {} ¦ steps 0 pre_compact {} policy-check {…} record {span_count:1})",
            R"(
-    200 {action:"deny",reason:"x"}
-    200 {}
-    400 {}
+    {}
+    {action:"allow",reason:"x"}
+    {action:"deny",reason:"x"}
+    {action:"ask",reason:"x"}
   )");
 }
 
-// A session of the same directory has modified "src/a" and "/p/src/./a".
-TEST_F(Gates, AskBeforeOneFileTooManyAndATeammatesFile) {
-  SessionState peer = started();
-  peer.session_id = "peer";
-  peer.modified_files = {"src/a", "/p/src/./a"};
-  ASSERT_FALSE(SessionStore::save(peer));
-  // How many files are recorded, whether the session is one of a group, the call, the guard, the rules, the
-  // message.
-  for (const auto& row : rows(R"(
-    19 ¦ alone ¦ Write     ¦ /p/new ¦ {} ¦ session_scope ¦ 20 files — approaching limit
-    18 ¦ alone ¦ Write     ¦ /p/new ¦ {}
-    19 ¦ alone ¦ Edit      ¦ /p/new ¦ {} ¦ session_scope ¦ 20 files — approaching limit
-    20 ¦ alone ¦ Write     ¦ /p/new ¦ {}
-    19 ¦ alone ¦ Write     ¦ /p/3   ¦ {}
-    19 ¦ alone ¦ Write     ¦ ∅      ¦ {}
-    19 ¦ alone ¦ MultiEdit ¦ /p/new ¦ {}
-    49 ¦ alone ¦ Write     ¦ /p/new ¦ {}
-    50 ¦ alone ¦ Write     ¦ /p/new ¦ {} ¦ session_scope ¦ 51 files (limit: 50)
-    51 ¦ alone ¦ Write     ¦ /p/new ¦ {} ¦ session_scope ¦ 52 files (limit: 50)
-    60 ¦ alone ¦ Write     ¦ /p/new ¦ {max_file_changes:0,warn_file_changes:0}
-    19 ¦ alone ¦ Write     ¦ /p/new ¦ {max_file_changes:5}  ¦ session_scope ¦ 20 files (limit: 5)
-    1  ¦ alone ¦ Write     ¦ /p/new ¦ {max_file_changes:1}  ¦ session_scope ¦ 2 files (limit: 1)
-    0  ¦ alone ¦ Write     ¦ /p/new ¦ {warn_file_changes:1} ¦ session_scope ¦ 1 files — approaching limit
-    19 ¦ alone ¦ Write     ¦ /p/new ¦ {max_file_changes:-1} ¦ session_scope ¦ 20 files — approaching limit
-    19 ¦ group ¦ Write ¦ /p/src/../src/a ¦ {} ¦ cowork_conflict session_scope ¦ 20 files — approaching limit
-    0  ¦ group ¦ Edit  ¦ /p/src/a        ¦ {} ¦ cowork_conflict
-    0  ¦ group ¦ Write ¦ /p/src/b        ¦ {}
-    0  ¦ group ¦ Write ¦ /q/src/a        ¦ {}
-    0  ¦ group ¦ Write ¦ /p/src/a        ¦ {detect_file_conflicts:false}
-    0  ¦ alone ¦ Write ¦ /p/src/a        ¦ {}
-    0  ¦ group ¦ Read  ¦ /p/src/a        ¦ {}
-  )")) {
-    SessionState state = started();
-    state.is_cowork = row[1] == "group";
-    for (int file = 0; file < std::stoi(row[0]); ++file)
-      state.modified_files.push_back("/p/" + std::to_string(file));
-    ASSERT_FALSE(SessionStore::save(state));
-    command("file @project/.obrisk/guard.json " + row[4]);
-    std::string asked;
-    std::vector<std::string> steps;
-    for (const std::string& rule : words(row[5])) {
-      const std::string message = rule == "session_scope"
-                                      ? "Session has modified " + row[6]
-                                      : "Cowork conflict: teammate already modified " + row[3];
-      asked += (asked.empty() ? "ask Obrisk: " : "; ") + message;
-      steps.push_back("ask by " + rule + " of " + row[2] + ": " + message);
-    }
-    EXPECT_EQ(seenOf(call(row[2], "file_path", row[3])), seen(asked, steps)) << row[3];
-  }
+TEST_F(Gates, FallBackOnTheDefaultAndKeepALocalWarning) {
+  play(R"(
+    == the control plane cannot be asked ¦ daily ¦ plane policy-check 403 {}
+    > PreToolUse {tool_name:"Bash",tool_input:{command:"ls"}}
+      policy-check {…} log PreToolUse policy check failed; applying fail-default=allow
+    > PreCompact {} ¦ steps 0 pre_compact {} policy-check {…} record {span_count:1}
+    daily ask
+    > PreToolUse {tool_name:"Bash",tool_input:{command:"ls"}}
+      ask Obrisk: Policy check failed (controlplane unreachable); proceeding requires confirmation.
+      policy-check {…} log PreToolUse policy check failed; applying fail-default=ask
+    daily deny
+    > PreToolUse {tool_name:"Bash",tool_input:{command:"ls"}}
+      deny Obrisk policy check failed and tenant default is deny — controlplane is unreachable. Configure
+      [claude-code] policy_check_fail_default=allow to override.
+      policy-check {…} log PreToolUse policy check failed; applying fail-default=deny
+    == and a local rule warns ¦ daily ask ¦ plane policy-check 403 {}
+    > PreToolUse {tool_name:"Bash",tool_input:{command:"rm -rf build"}}
+      ask Obrisk: Potentially dangerous command: rm -rf build; Policy check failed (controlplane unreachable);
+      proceeding requires confirmation.
+      steps 0 ask by destructive_command of Bash: Potentially dangerous command: rm -rf build policy-check {…}
+      record {span_count:1} log PreToolUse policy check failed; applying fail-default=ask
+    plane policy-check 200 {action:"warn",reason:"R"}
+    > PreToolUse {tool_name:"Bash",tool_input:{command:"rm -rf build"}}
+      ask Obrisk: Potentially dangerous command: rm -rf build; Policy warning: R
+      steps 1 ask by destructive_command of Bash: Potentially dangerous command: rm -rf build policy-check {…}
+      steps 2 policy_warn by server-side of Bash: R record {span_count:3}
+    plane policy-check 200 {action:"block",reason:"R"}
+    > PreToolUse {tool_name:"Bash",tool_input:{command:"rm -rf build"}} ¦ deny Obrisk policy blocked: R
+      steps 3 ask by destructive_command of Bash: Potentially dangerous command: rm -rf build policy-check {…}
+      steps 4 policy_block by server-side of Bash: R record {span_count:5}
+    plane policy-check 200 {}
+    > PreToolUse {tool_name:"Bash",tool_input:{command:"rm -rf build"}}
+      ask Obrisk: Potentially dangerous command: rm -rf build
+      steps 5 ask by destructive_command of Bash: Potentially dangerous command: rm -rf build policy-check {…}
+      record {span_count:6}
+  )");
+}
+
+TEST_F(Gates, AskBeforeOneFileTooMany) {
+  playEach(R"(
+    == after %1 and one more ¦ own ¦ given {modified_files:[<"/p",*%1>"/p"]}
+    file @project/.obrisk/guard.json %3
+    > PreToolUse {tool_name:"%2",tool_input:{file_path:"/new"}} ¦ ask Obrisk: Session has modified %4
+      steps 0 ask by session_scope of %2: Session has modified %4 record {span_count:1})",
+           R"(
+    18 ¦ Write ¦ {}                      ¦ 20 files — approaching limit
+    18 ¦ Edit  ¦ {}                      ¦ 20 files — approaching limit
+    18 ¦ Write ¦ {max_file_changes:-1}   ¦ 20 files — approaching limit
+    0  ¦ Write ¦ {warn_file_changes:2}   ¦ 2 files — approaching limit
+    49 ¦ Write ¦ {}                      ¦ 51 files (limit: 50)
+    50 ¦ Write ¦ {}                      ¦ 52 files (limit: 50)
+    18 ¦ Write ¦ {max_file_changes:5}    ¦ 20 files (limit: 5)
+    0  ¦ Write ¦ {max_file_changes:1}    ¦ 2 files (limit: 1)
+  )");
+  playEach(R"(
+    == after %1 and one more ¦ own ¦ given {modified_files:[<"/p",*%1>"/p"]}
+    file @project/.obrisk/guard.json %4
+    > PreToolUse {tool_name:"%2",tool_input:{file_path:"%3"}})",
+           R"(
+    17 ¦ Write     ¦ /new ¦ {}
+    19 ¦ Write     ¦ /new ¦ {}
+    18 ¦ Write     ¦ /p   ¦ {}
+    18 ¦ Write     ¦      ¦ {}
+    18 ¦ MultiEdit ¦ /new ¦ {}
+    48 ¦ Write     ¦ /new ¦ {}
+    59 ¦ Write     ¦ /new ¦ {max_file_changes:0,warn_file_changes:0}
+  )");
+  play(R"(
+    == after none ¦ own ¦ file @project/.obrisk/guard.json {warn_file_changes:1}
+    > PreToolUse {tool_name:"Write",tool_input:{file_path:"/new"}}
+      ask Obrisk: Session has modified 1 files — approaching limit
+      steps 0 ask by session_scope of Write: Session has modified 1 files — approaching limit record
+      {span_count:1}
+    > PreToolUse {tool_name:"Write",tool_input:{file_path:"yarn.lock"}}
+      ask Obrisk: Write to sensitive file: yarn.lock (matched: *.lock)
+      steps 1 ask by file_protection of Write: Write to sensitive file: yarn.lock (matched: *.lock)
+      record {span_count:2}
+  )");
+}
+
+TEST_F(Gates, AskBeforeATeammatesFileIsWritten) {
+  play(R"(
+    == one joins and modifies two files ¦ own
+    > PostToolUse {session_id:"a",cwd:"@project",tool_name:"Write",
+      tool_input:{file_path:"src/a"}} ¦ runs/start {…}
+      run-1/steps 0 session_start ktu {…} run-1/spans {…} run-1/steps 1 tool_use:Write kst {…} record {…}
+    > PostToolUse {session_id:"a",tool_name:"Edit",tool_input:{file_path:"/p/src/./a"}}
+      run-1/spans {…} run-1/steps 2 tool_use:Edit kst {…} record {…}
+    > PreToolUse {tool_name:"Write",tool_input:{file_path:"/p/src/../src/a"}}
+      ask Obrisk: Cowork conflict: teammate already modified /p/src/../src/a
+      steps 0 ask by cowork_conflict of Write: Cowork conflict: teammate already modified /p/src/../src/a
+      record {span_count:1}
+    > PreToolUse {tool_name:"Write",tool_input:{file_path:"/p/src/b"}}
+    > PreToolUse {tool_name:"Write",tool_input:{file_path:"/q/src/a"}}
+    > PreToolUse {tool_name:"Read",tool_input:{file_path:"/p/src/a"}}
+    file @project/.obrisk/guard.json {warn_file_changes:1}
+    > PreToolUse {tool_name:"Edit",tool_input:{file_path:"/p/src/a"}} ¦ ask Obrisk: Cowork conflict: teammate
+      already modified /p/src/a; Session has modified 1 files — approaching limit
+      steps 1 ask by cowork_conflict of Edit: Cowork conflict: teammate already modified /p/src/a
+      steps 2 ask by session_scope of Edit: Session has modified 1 files — approaching limit record
+      {span_count:3}
+    file @project/.obrisk/guard.json {detect_file_conflicts:false}
+    > PreToolUse {tool_name:"Edit",tool_input:{file_path:"/p/src/a"}}
+    file @project/.obrisk/guard.json {}
+    given {}
+    > PreToolUse {tool_name:"Edit",tool_input:{file_path:"/p/src/a"}}
+  )");
 }
 
 TEST_F(Gates, RecordEveryOtherEventAsAStep) {
+  command("own");
   playEach(R"(
     given {span_count:4}
-    > %1 {transcript_path:"/t",config_type:1,content:1,cwd:1,error:1,event_type:1,file_path:1,message:1,new_cwd:1,notification_type:1,old_cwd:1,post_tokens:1,pre_tokens:1,prompt:1,reason:1,response:1,server_name:1,source:1,status:1,task_id:1,tool_input:1,tool_name:1,worktree_path:1} ¦ steps 4 %2 {%3} record {span_count:5})",
+    > %1 {transcript_path:"/t",config_type:1,content:1,cwd:1,error:1,event_type:1,file_path:1,message:1,
+      new_cwd:1,
+      notification_type:1,old_cwd:1,post_tokens:1,pre_tokens:1,prompt:1,reason:1,response:1,server_name:1,
+      source:1,
+      status:1,task_id:1,tool_input:1,tool_name:1,worktree_path:1} ¦ steps 4 %2 {%3} record {span_count:5})",
            R"(
     StopFailure        ¦ stop_failure             ¦ error:1
     PostCompact        ¦ post_compact             ¦ post_tokens:1,pre_tokens:1
@@ -209,11 +218,11 @@ TEST_F(Gates, RecordEveryOtherEventAsAStep) {
 }
 
 TEST_F(Gates, ASessionIsLoadedOrStartedFromAnEventOnly) {
+  command("given {run_id:\"\",span_count:9}");
   const ObserveClient nobody = unconfigured(), client = own();
   const Json::Object any = event("Stop");
   EXPECT_FALSE(loadStateFresh("unknown", nullptr, client));
   EXPECT_FALSE(loadStateFresh("", &any, client));
-  command("given {run_id:\"\",span_count:9}");
   EXPECT_EQ(loadStateFresh("s", &any, nobody)->state.span_count, 9) << "what the second reading holds counts";
   EXPECT_FALSE(loadStarted(any, nobody));
   Session session{SessionState(), client};

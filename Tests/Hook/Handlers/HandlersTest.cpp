@@ -10,13 +10,15 @@ TEST_F(Handlers, StartASessionOnce) {
     == a run of its own ¦ own ¦ given none
     > SessionStart {source:"resume",cwd:"/w",model:"m",permission_mode:"plan"}
       runs/start {agent_name:"claude-code",inputs:{cwd:"/w",source:"resume"},
-      metadata:{model:"m",permission_mode:"plan",source:"claude_code"},session_id:"s",workflow_name:"session:resume"}
+      metadata:{model:"m",permission_mode:"plan",source:"claude_code"},session_id:"s",
+      workflow_name:"session:resume"}
       run-1/steps 0 session_start kitu {cwd:"/w",is_cowork:false,model:"m",source:"resume"}
       record {cwd:"/w",model:"m",run_id:"run-1",session_id:"s",span_count:1,started_at:now,workflow_id:"wf"}
     > SessionStart {cwd:"/elsewhere"}
     == the daily run of an agent with a slug ¦ daily ¦ given none
     > SessionStart {cwd:"/w",source:7} ¦ runs/daily {agent_slug:"reviewer",agent_type:"claude-code"}
-      daily-1/steps 0 session_start kitu {cwd:"/w",is_cowork:false,model:"",source:"startup"} record {cwd:"/w",
+      daily-1/steps 0 session_start kitu {cwd:"/w",is_cowork:false,model:"",
+      source:"startup"} record {cwd:"/w",
       is_daily_session:true,run_id:"daily-1",session_id:"s",span_count:1,started_at:now,workflow_id:"wf"}
     == no daily run to have ¦ daily ¦ given none ¦ plane runs/daily 403 {}
     > SessionStart {} ¦ runs/daily {…} runs/start {agent_name:"claude-code",agent_slug:"reviewer",
@@ -76,7 +78,8 @@ TEST_F(Handlers, MoveASessionOfYesterdayToTodaysRun) {
     == the control plane has a new daily run ¦ daily ¦ plane runs/daily 200 {run_id:"new"}
     given {started_at:"2026-01-30T23:59:59.000Z",workflow_id:"old",span_count:4}
     > Notification {message:"m"} ¦ runs/daily {agent_slug:"reviewer",agent_type:"claude-code"}
-      steps 4 daily_run_rollover kis {new_run_id:"new",old_run_id:"run-0",old_started_at:"2026-01-30T23:59:59.000Z",
+      steps 4 daily_run_rollover kis {new_run_id:"new",old_run_id:"run-0",
+      old_started_at:"2026-01-30T23:59:59.000Z",
       rolled_at:now}
       new/steps 4 notification {message:"m"} record {run_id:"new",span_count:5,started_at:now,workflow_id:""}
     == without a slug, without an answer, or with the same run it stays ¦ own
@@ -104,7 +107,8 @@ TEST_F(Handlers, RecordToolCalls) {
       record {span_count:1}
     > PostToolUse {tool_name:"Bash",tool_input:{command:"<x*5000>"},tool_response:"none"}
       spans {spans:[{attributes:{…},end_time:now,input_data:"<x*200>",kind:"tool",name:"Bash",output_data:"",
-      start_time:now,status:"ok"}]} steps 1 tool_use:Bash kist {tool_input:{command:"<x*2000>"},tool_name:"Bash",
+      start_time:now,status:"ok"}]} steps 1 tool_use:Bash kist {tool_input:{command:"<x*2000>"},
+      tool_name:"Bash",
       tool_response_summary:""} record {span_count:2}
     == only Write and Edit modify files ¦ own
     > PostToolUse {tool_name:"Write",tool_input:{file_path:"/p/a"}}
@@ -122,7 +126,8 @@ TEST_F(Handlers, RecordToolCalls) {
       spans {spans:[{attributes:{error.message:"<e*500>",tool.name:"Bash"},end_time:now,
       events:[{message:"<e*500>",name:"error"}],kind:"tool",name:"Bash",start_time:now,status:"error"}]}
       steps 5 tool_failure {error:"<e*500>",tool_name:"Bash"} record {span_count:7}
-    > PostToolUseFailure {} ¦ spans {spans:[{attributes:{error.message:"",tool.name:""},end_time:now,events:[],
+    > PostToolUseFailure {} ¦ spans {spans:[{attributes:{error.message:"",tool.name:""},end_time:now,
+      events:[],
       kind:"tool",name:"",start_time:now,status:"error"}]} steps 7 tool_failure {…} record {span_count:9}
     == nothing is sent and nothing changes without a configuration ¦ unconfigured
     > PostToolUse {tool_name:"Write",tool_input:{file_path:"/p/a"}}
@@ -136,13 +141,15 @@ TEST_F(Handlers, RecordSubagentsAndTeammates) {
   play(R"(
     == one span from start to stop ¦ own
     > SubagentStart {agent_id:"a1",agent_type:"explorer"} ¦ steps 0 subagent_start {agent_id:"a1",
-      agent_type:"explorer"} record {pending_subagent_spans:{a1:{agent_type:"explorer",start_time:now}},span_count:1}
+      agent_type:"explorer"} record {pending_subagent_spans:{a1:{agent_type:"explorer",start_time:now}},
+      span_count:1}
     > SubagentStart {agent_id:"",agent_type:"nameless"}
       steps 1 subagent_start {…} record {pending_subagent_spans:{"":{…},a1:{…}},span_count:2}
     > SubagentStop {agent_id:"none",agent_type:"reviewer"} ¦ spans {spans:[{attributes:{agent.id:"none",
       agent.type:"reviewer"},end_time:now,kind:"agent",name:"subagent:reviewer",start_time:now,status:"ok"}]}
       steps 2 subagent_stop {agent_id:"none",agent_type:"reviewer"} record {span_count:4}
-    given {pending_subagent_spans:{a:{agent_type:"x",start_time:"2026-01-31T10:00:00.000Z"},b:"",c:{start_time:1}}}
+    given {pending_subagent_spans:{a:{agent_type:"x",start_time:"2026-01-31T10:00:00.000Z"},b:"",
+      c:{start_time:1}}}
     > SubagentStop {agent_id:"a"} ¦ spans {spans:[{attributes:{agent.id:"a",agent.type:"x"},end_time:now,
       kind:"agent",name:"subagent:unknown",start_time:"2026-01-31T10:00:00.000Z",status:"ok"}]}
       steps 0 subagent_stop {…} record {pending_subagent_spans:{b:"",c:{…}},span_count:2}
@@ -159,7 +166,8 @@ TEST_F(Handlers, RecordSubagentsAndTeammates) {
     == an idle teammate makes a cowork session ¦ unconfigured
     > TeammateIdle {} ¦ record {cowork_session_id:"s",is_cowork:true}
     own ¦ given {cowork_session_id:"root"}
-    > TeammateIdle {} ¦ spans {spans:[{attributes:{cowork.event:"teammate_idle",cowork.session_id:"s"},end_time:now,
+    > TeammateIdle {} ¦ spans {spans:[{attributes:{cowork.event:"teammate_idle",cowork.session_id:"s"},
+      end_time:now,
       kind:"custom",name:"teammate_idle",start_time:now,status:"ok"}]}
       steps 0 teammate_idle {cowork_session_id:"s"} record {is_cowork:true,span_count:1}
     > TeammateIdle {} ¦ spans {…} steps 1 teammate_idle {cowork_session_id:"root"} record {span_count:2}
@@ -168,9 +176,11 @@ TEST_F(Handlers, RecordSubagentsAndTeammates) {
 
 TEST_F(Handlers, EndATurn) {
   play(R"(
-    == a run of its own is completed, with the calls of today that have an identifier ¦ own ¦ given {span_count:7}
+    == a run of its own is completed, with the calls of today that have an identifier ¦ own
+    given {span_count:7}
     file @root/t {type:"user",message:{content:"ask"}}␊
-      {type:"assistant",timestamp:"@now",message:{id:"m1",model:"opus",usage:{input_tokens:1000,output_tokens:10},
+      {type:"assistant",timestamp:"@now",message:{id:"m1",model:"opus",usage:{input_tokens:1000,
+      output_tokens:10},
       content:[{type:"text",text:"answer"}]}}␊
       {type:"assistant",timestamp:"@now",message:{id:"m1",usage:{input_tokens:1,output_tokens:1}}}␊
       {type:"assistant",timestamp:"2020-01-01T00:00:00.000Z",message:{id:"old",usage:{input_tokens:1}}}␊
@@ -179,7 +189,8 @@ TEST_F(Handlers, EndATurn) {
     > Stop {transcript_path:"@root/t"}
       llm-calls {calls:[{cost:0.01575,model:"opus",prompt_preview:"ask",response_preview:"answer",
       task:"claude_code_turn",timestamp:now,tokens_in:1000,tokens_out:10},{…}],hardware_uuid:uuid}
-      steps 7 stop {models_used:["opus"],tool_uses:8,total_cost:0.015861,total_tokens_in:1007,total_tokens_out:16,
+      steps 7 stop {models_used:["opus"],tool_uses:8,total_cost:0.015861,total_tokens_in:1007,
+      total_tokens_out:16,
       total_turns:4} complete {error:"",result:{models_used:["opus"],tool_uses:8,total_cost:0.015861,
       total_tokens_in:1007,total_tokens_out:16,total_turns:4},status:"success",steps:[]} record none
     == a daily run goes on, its transcript where it was left, and what was refused is not sent again ¦ daily
@@ -197,7 +208,8 @@ TEST_F(Handlers, EndATurn) {
     == without a transcript ¦ daily
     given {is_daily_session:true,is_cowork:true,cowork_session_id:"root",transcript_offset:5}
     > Stop {transcript_path:1} ¦ steps 0 stop {cowork_session_id:"root",is_cowork:true} record {span_count:1}
-    > Stop {transcript_path:"@root/none"} ¦ steps 1 stop {cowork_session_id:"root",is_cowork:true,models_used:[],
+    > Stop {transcript_path:"@root/none"} ¦ steps 1 stop {cowork_session_id:"root",is_cowork:true,
+      models_used:[],
       tool_uses:1,total_cost:0,total_tokens_in:0,total_tokens_out:0,total_turns:0} record {span_count:2}
       log transcript not found: @root/none
     == counts no further than its range ¦ own ¦ given {span_count:9223372036854775807}
