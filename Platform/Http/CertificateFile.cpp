@@ -1,7 +1,9 @@
 #include "Platform/Http/CertificateFile.h"
 
-#include <array>
-#include <cstdint>
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <optional>
 
 namespace CertificateFile {
 
@@ -9,85 +11,74 @@ namespace {
 
 constexpr std::string_view opening = "-----BEGIN CERTIFICATE-----";
 constexpr std::string_view closing = "-----END CERTIFICATE-----";
-constexpr std::string_view alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
-// The six bits of each letter of base64, negative for all other bytes.
-constexpr auto sixBits = [] {
-  std::array<std::int8_t, 256> table{};
-  table.fill(-1);
-  for (std::size_t i = 0; i < alphabet.size(); ++i) {
-    table[static_cast<unsigned char>(alphabet[i])] = static_cast<std::int8_t>(i);
-  }
-  return table;
-}();
-
-// Line ends and padding are skipped.
+// Line by line; a line that is no base64 is left out.
 std::string decoded(std::string_view base64) {
-  std::string bytes(base64.size() / 4 * 3 + 3, '\0');
-  std::size_t size = 0;
-  std::uint32_t bits = 0;
-  int letters = 0;
-  for (const unsigned char letter : base64) {
-    if (sixBits[letter] < 0) continue;
-    bits = bits << 6 | static_cast<std::uint32_t>(sixBits[letter]);
-    if (++letters % 4 != 0) continue;
-    bytes[size++] = static_cast<char>(bits >> 16);
-    bytes[size++] = static_cast<char>(bits >> 8);
-    bytes[size++] = static_cast<char>(bits);
+  std::string bytes(base64.size(), '\0');
+  auto* end = reinterpret_cast<unsigned char*>(bytes.data());
+  while (!base64.empty()) {
+    const auto line = base64.substr(0, base64.find('\n'));
+    base64.remove_prefix(std::min(line.size() + 1, base64.size()));
+    const auto* letters = reinterpret_cast<const unsigned char*>(line.data());
+    end += std::max(EVP_DecodeBlock(end, letters, static_cast<int>(line.size())), 0);
   }
-  if (letters % 4 >= 2) bytes[size++] = static_cast<char>(bits >> (letters % 4 == 2 ? 4 : 10));
-  if (letters % 4 == 3) bytes[size++] = static_cast<char>(bits >> 2);
-  bytes.resize(size);
+  bytes.resize(static_cast<std::size_t>(end - reinterpret_cast<unsigned char*>(bytes.data())));
   return bytes;
 }
 
-struct Element {
-  std::string_view whole;  // empty when there is none
-  std::string_view content;
+struct Sizes {
+  std::size_t header;
+  std::size_t content;
 };
 
-// Takes the first DER element off `rest`.
-Element take(std::string_view& rest) {
-  if (rest.size() < 2) return {};
-  std::size_t begin = 2;
-  std::size_t size = static_cast<unsigned char>(rest[1]);
-  if (size >= 0x80) {
-    begin += size - 0x80;
-    if (begin > 6 || begin > rest.size()) return {};
-    size = 0;
-    for (const unsigned char digit : rest.substr(2, begin - 2))
-      size = size << 8 | digit;
+// Of the first DER element; absent when its header does not end within `bytes`.
+std::optional<Sizes> sizesOf(std::string_view bytes) {
+  if (bytes.size() < 2) return std::nullopt;
+  Sizes sizes{2, static_cast<unsigned char>(bytes[1])};
+  if (sizes.content < 0x80) return sizes;
+  sizes.header += sizes.content - 0x80;
+  if (sizes.header > 6 || sizes.header > bytes.size()) return std::nullopt;
+  sizes.content = 0;
+  for (const unsigned char digit : bytes.substr(2, sizes.header - 2))
+    sizes.content = sizes.content << 8 | digit;
+  return sizes;
+}
+
+// The name in a certificate of which `bytes` may be but the beginning; empty when it does not end within
+// them.
+std::string_view subjectOf(std::string_view bytes) {
+  for ([[maybe_unused]] const char* sequence : {"the certificate", "what is signed of it"}) {
+    const auto sizes = sizesOf(bytes);
+    if (!sizes) return {};
+    bytes.remove_prefix(sizes->header);
   }
-  if (size > rest.size() - begin) return {};
-  const Element element{rest.substr(0, begin + size), rest.substr(begin, size)};
-  rest.remove_prefix(begin + size);
-  return element;
+  constexpr char version = '\xa0';
+  // It stands behind the version, if there is one, serial number, signature, issuer and validity.
+  for (int before = bytes.starts_with(version) ? 5 : 4;; --before) {
+    const auto sizes = sizesOf(bytes);
+    if (!sizes || sizes->content > bytes.size() - sizes->header) return {};
+    const auto element = bytes.substr(0, sizes->header + sizes->content);
+    if (before == 0) return element;
+    bytes.remove_prefix(element.size());
+  }
 }
 
 }  // namespace
 
-std::vector<std::string> certificatesIn(std::string_view pem) {
-  std::vector<std::string> certificates;
+std::vector<std::string> certificatesOf(std::string_view subject, std::string_view pem) {
+  constexpr std::size_t usual = 8 * 65;  // letters in whose lines nearly every subject ends
+  std::vector<std::string> found;
   for (;;) {
     const auto begin = pem.find(opening);
-    if (begin == pem.npos) return certificates;
+    if (begin == pem.npos) return found;
     pem.remove_prefix(begin + opening.size());
     const auto end = pem.find(closing);
-    if (end == pem.npos) return certificates;
-    certificates.push_back(decoded(pem.substr(0, end)));
+    if (end == pem.npos) return found;
+    auto bytes = decoded(pem.substr(0, std::min(usual, end)));
+    if (subjectOf(bytes).empty()) bytes = decoded(pem.substr(0, end));
+    if (subjectOf(bytes) == subject) found.push_back(decoded(pem.substr(0, end)));
     pem.remove_prefix(end);
   }
-}
-
-std::string_view subjectOf(std::string_view certificate) {
-  std::string_view signedPart = take(certificate).content;
-  std::string_view fields = take(signedPart).content;
-  constexpr char version = '\xa0';
-  if (!fields.empty() && fields.front() == version) take(fields);
-  for ([[maybe_unused]] const char* before : {"serial number", "signature", "issuer", "validity"}) {
-    if (take(fields).whole.empty()) return {};
-  }
-  return take(fields).whole;
 }
 
 }  // namespace CertificateFile

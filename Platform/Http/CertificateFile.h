@@ -8,10 +8,8 @@
 
 namespace CertificateFile {
 
-// The DER form of each certificate block, in the order of the text.
-std::vector<std::string> certificatesIn(std::string_view pem);
-
-// The DER form of the subject's name; empty when `certificate` is none.
-std::string_view subjectOf(std::string_view certificate);
+// Those whose subject is that name, in the order of the text, all in DER form; up to two zeros can follow a
+// certificate's end.
+std::vector<std::string> certificatesOf(std::string_view subject, std::string_view pem);
 
 }  // namespace CertificateFile

@@ -46,7 +46,7 @@ std::string firstOf(const Paths& paths, const std::string& root, Test&& isOne) {
 
 struct LazyFile {
   std::string path;
-  std::optional<std::vector<std::string>> certificates;
+  std::optional<std::string> content;
 };
 
 // Adds the file's certificates of that name to the store and hands out the first.
@@ -56,12 +56,9 @@ int findInFile(X509_LOOKUP* lookup, X509_LOOKUP_TYPE type, const X509_NAME* name
   std::size_t size = 0;
   if (type != X509_LU_X509 || X509_NAME_get0_der(name, &bytes, &size) != 1) return 0;
   const std::string_view subject(reinterpret_cast<const char*>(bytes), size);
-  if (!file->certificates) {
-    file->certificates = CertificateFile::certificatesIn(Files::read(file->path).value_or(""));
-  }
+  if (!file->content) file->content = Files::read(file->path).value_or("");
   X509_STORE* store = X509_LOOKUP_get_store(lookup);
-  for (const auto& certificate : *file->certificates) {
-    if (CertificateFile::subjectOf(certificate) != subject) continue;
+  for (const auto& certificate : CertificateFile::certificatesOf(subject, *file->content)) {
     const auto* der = reinterpret_cast<const unsigned char*>(certificate.data());
     X509* decoded = d2i_X509(nullptr, &der, static_cast<long>(certificate.size()));
     if (decoded) X509_STORE_add_cert(store, decoded);

@@ -220,24 +220,23 @@ OK⏎⏎<16M>x                                                        ¦ body li
   }
 }
 
-TEST(CertificateFile, IsDecodedToTheLastByteAndReadNoFurther) {
-  const std::string opening = "-----BEGIN CERTIFICATE-----\n", closing = "\n-----END CERTIFICATE-----\n";
-  for (const auto& row :
-       rows("∅ ¦ ∅\nYQ== ¦ a\nYWI= ¦ ab\nYW␍␊JjZA ¦ abcd\nY ¦ ∅\n* ¦ ∅\nPz8/Pj4+ ¦ ?\?\?>>>"))
-    EXPECT_EQ(CertificateFile::certificatesIn(opening + row[0] + closing), std::vector{row[1]});
-  EXPECT_TRUE(CertificateFile::certificatesIn(opening + "YQ==").empty());
-
-  const auto whole = CertificateFile::certificatesIn("# CA\n" + makeAuthority("A").pem + "\r\n").at(0);
-  const std::string subject(
-      "0\f1\n0\b\x06\x03U\x04\x03\f\x01"
-      "A");
-  EXPECT_EQ(CertificateFile::subjectOf(whole), subject);
-  const auto end = whole.rfind(subject) + subject.size();
-  for (const auto& bytes :
-       {std::string("0\x84\xff\xff\xff\xff"), std::string("0\x89"), std::string(100, '0')})
-    EXPECT_EQ(CertificateFile::subjectOf(bytes), "");
-  for (std::size_t size = 0; size < end; ++size)
-    EXPECT_EQ(CertificateFile::subjectOf(std::string_view(whole).substr(0, size)), "") << size;
+TEST(CertificateFile, HandsOutTheCertificatesOfASubject) {
+  const std::string subject =
+                        "0\f1\n0\b\x06\x03U\x04\x03\f\x01"
+                        "A",
+                    opening = "-----BEGIN CERTIFICATE-----\n";
+  const auto count = [&](const std::string& pem) {
+    return CertificateFile::certificatesOf(subject, pem).size();
+  };
+  const auto a = makeAuthority("A"), namesake = makeAuthority("A"), other = makeAuthority("B");
+  std::string onOneLine = a.pem;
+  std::erase(onOneLine, '\n');
+  EXPECT_EQ(count("# CAs\n" + a.pem + "\r\n" + a.key + other.pem + namesake.pem + onOneLine + opening), 3u);
+  for (const char* bytes :
+       {"", "*", "MA==", "MIk=", "MIT/////", "MIAwgA==", "MDAwMDAwMDAwMDAwMDAwMDAwMDAwMDAwMDAw"})
+    EXPECT_EQ(count(opening + bytes + "\n-----END CERTIFICATE-----\n"), 0u);
+  for (std::size_t size = 0; size < 150; ++size)
+    EXPECT_EQ(count(a.pem.substr(0, size) + "\n-----END CERTIFICATE-----\n"), 0u) << "its subject ends later";
 }
 
 }  // namespace
