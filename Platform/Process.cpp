@@ -153,7 +153,6 @@ void prepare() {
   for (int descriptor = 0; descriptor <= STDERR_FILENO; ++descriptor)
     if (::fcntl(descriptor, F_GETFD) < 0 && errno == EBADF)
       ::open("/dev/null", descriptor == STDIN_FILENO ? O_RDONLY : O_WRONLY);
-  ::unsetenv("SIMDJSON_FORCE_IMPLEMENTATION");
   ::signal(SIGPIPE, SIG_IGN);
   ::signal(SIGXFSZ, SIG_IGN);
   const rlimit none{0, 0};

@@ -31,9 +31,9 @@ unsigned user();
 std::string executable();
 
 // To be called first of all: opens those of the three standard descriptors that were handed over closed on
-// nothing, so that no file of ours ever takes their place, drops the variable with which the JSON library can
-// be made to refuse every text, makes writing to a closed pipe, and beyond a limit on the size of files, an
-// error instead of a signal, and keeps the process's memory, which holds keys and prompts, out of core dumps.
+// nothing, so that no file of ours ever takes their place, makes writing to a closed pipe, and beyond a limit
+// on the size of files, an error instead of a signal, and keeps the process's memory, which holds keys and
+// prompts, out of core dumps.
 void prepare();
 
 // All bytes of standard input up to its end, or up to the first error.

@@ -8,6 +8,8 @@
 #include <array>
 #include <cstdint>
 
+#include "Platform/Json/Utf8.h"
+
 namespace Text {
 namespace {
 
@@ -73,44 +75,21 @@ bool isSpace(char32_t point, Space kind) {
   return isIn(spaceSeparators, point) || (kind == Space::any && isIn(lineBreaks, point));
 }
 
-// The code point whose encoding is all of `bytes`, if it has one to three bytes, as every white space has;
-// else 0.
-char32_t codePoint(std::string_view bytes) {
-  const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(bytes[i]); };
-  const auto continues = [&](std::size_t i) { return byte(i) >> 6 == 0b10; };
-  char32_t point = 0, least = 0;  // the least that needs so many bytes
-  if (bytes.size() == 1 && byte(0) < 0x80) {
-    point = byte(0);
-  } else if (bytes.size() == 2 && byte(0) >> 5 == 0b110 && continues(1)) {
-    point = (byte(0) & 0x1Fu) << 6 | (byte(1) & 0x3Fu);
-    least = 0x80;
-  } else if (bytes.size() == 3 && byte(0) >> 4 == 0b1110 && continues(1) && continues(2)) {
-    point = (byte(0) & 0x0Fu) << 12 | (byte(1) & 0x3Fu) << 6 | (byte(2) & 0x3Fu);
-    least = 0x800;
-  }
-  return point >= least ? point : 0;
-}
-
 std::size_t standaloneCharacter(std::string_view text) {
-  for (std::size_t size = 2; size <= std::min<std::size_t>(3, text.size()); ++size) {
-    if (isIn(standalone, codePoint(text.substr(0, size)))) return size;
-  }
-  return 0;
+  const auto [point, size] = Utf8::first(text);
+  return isIn(standalone, point) ? size : 0;
 }
 
 // The size of the white space at the front of `text`, 0 when there is none.
 std::size_t leadingSpace(std::string_view text, Space kind) {
-  if (!text.empty() && isAsciiByte(text.front())) text = text.substr(0, 1);
-  for (std::size_t size = 1; size <= std::min<std::size_t>(3, text.size()); ++size) {
-    if (isSpace(codePoint(text.substr(0, size)), kind)) return size;
-  }
-  return 0;
+  const auto [point, size] = Utf8::first(text);
+  return isSpace(point, kind) ? size : 0;
 }
 
 std::size_t trailingSpace(std::string_view text, Space kind) {
-  if (!text.empty() && isAsciiByte(text.back())) text = text.substr(text.size() - 1);
-  for (std::size_t size = 1; size <= std::min<std::size_t>(3, text.size()); ++size) {
-    if (isSpace(codePoint(text.substr(text.size() - size)), kind)) return size;
+  for (std::size_t most = 1; most <= std::min<std::size_t>(3, text.size()); ++most) {
+    const auto [point, size] = Utf8::first(text.substr(text.size() - most));
+    if (size == most) return isSpace(point, kind) ? size : 0;
   }
   return 0;
 }

@@ -138,7 +138,7 @@ std::optional<SessionState> findCoworkPeer(const std::string& cwd, const std::st
     const JsonView record = reader.read(*content);
     const auto [place, run] = record.members({"cwd", "run_id"});
     if (place.text() != cwd || run.text().value_or("").empty()) continue;
-    if (auto state = SessionState::fromJSON(*record.value().asObject())) return state;
+    if (auto state = SessionState::fromJSON(*Json::of(record).asObject())) return state;
   }
   return std::nullopt;
 }

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "Platform/Files.h"
+#include "Platform/Json/Json.h"
 #include "Platform/Json/Utf8.h"
 #include "Platform/Log.h"
 #include "Platform/Text.h"
@@ -22,8 +23,8 @@ namespace {
 
 constexpr Log::Category logger{"hook.transcript"};
 
-constexpr std::size_t previewLength = 2000;    // characters
-constexpr std::size_t toolResultLength = 400;  // characters
+constexpr Enough forPreview{2000};
+constexpr Enough forToolResult{400};
 
 std::string trimmed(std::string text) {
   const std::string_view inner = Text::trim(text, Text::Space::any);
@@ -31,16 +32,16 @@ std::string trimmed(std::string text) {
   return std::string(inner);
 }
 
-// The trimmed string, or at least its first `length` characters: what tools returned is most of a transcript,
-// and little of it is read. Empty when `value` is no string.
-std::string trimmedText(JsonView value, std::size_t length) {
-  return trimmed(value.text(length).value_or(""));
+// The string as far as is enough, without white space at its ends; empty when `value` is no string.
+std::string trimmedText(JsonView value, Enough enough) {
+  return trimmed(value.text(enough).value_or(""));
 }
 
 std::string preview(std::string text) {
   // A character has at least one byte.
-  if (text.size() <= previewLength || Text::prefix(text, previewLength).size() == text.size()) return text;
-  return std::string(Text::prefix(text, previewLength - 1)) + "…";
+  constexpr std::size_t most = forPreview.characters;
+  if (text.size() <= most || Text::prefix(text, most).size() == text.size()) return text;
+  return std::string(Text::prefix(text, most - 1)) + "…";
 }
 
 bool holdsOnlyObjects(JsonView list) {
@@ -51,11 +52,11 @@ bool holdsOnlyObjects(JsonView list) {
 }
 
 std::string toolResultText(JsonView content) {
-  std::string found = trimmedText(content, toolResultLength);
+  std::string found = trimmedText(content, forToolResult);
   if (!holdsOnlyObjects(content)) return found;
   for (JsonView part : content.elements()) {
     const auto [type, text] = part.members({"type", "text"});
-    if (found.empty() && type.text() == "text") found = trimmedText(text, toolResultLength);
+    if (found.empty() && type.text() == "text") found = trimmedText(text, forToolResult);
   }
   return found;
 }
@@ -64,18 +65,19 @@ std::string toolResultText(JsonView content) {
 std::string blockText(JsonView block) {
   const auto [kind, text, name, content] = block.members({"type", "text", "name", "content"});
   const std::string type = kind.text().value_or("");
-  if (type == "text") return trimmedText(text, previewLength);
+  if (type == "text") return trimmedText(text, forPreview);
   if (type == "tool_use") return "[tool_use:" + name.text().value_or("tool") + "]";
   if (type == "tool_result") {
     const std::string result = toolResultText(content);
-    if (!result.empty()) return std::string("[tool_result] ").append(Text::prefix(result, toolResultLength));
+    if (!result.empty())
+      return std::string("[tool_result] ").append(Text::prefix(result, forToolResult.characters));
   }
   return {};
 }
 
 std::int64_t count(JsonView first, JsonView second) {
-  const std::int64_t count = intFrom(first.value());
-  return count != 0 ? count : intFrom(second.value());
+  const std::int64_t count = intFrom(Json::of(first));
+  return count != 0 ? count : intFrom(Json::of(second));
 }
 
 // The first of the values that is a string, or the empty string.
@@ -92,7 +94,7 @@ std::optional<LlmCallData> callFrom(JsonView line, JsonView message, const Share
       line.members({"modelMetadata", "usage", "model", "uuid", "timestamp"});
   const auto [id, messageModel, messageUsage] = message.members({"id", "model", "usage"});
   JsonView usage = metadata.isObject() ? metadata : lineUsage;
-  if (!usage.hasMembers()) usage = messageUsage;
+  if (usage.members().empty()) usage = messageUsage;
   // Each count has a name in camel case and, looked at when that counts nothing, one in snake case.
   const auto [usageModel, in, snakeIn, out, snakeOut, read, snakeRead, creation, snakeCreation] =
       usage.members({"model", "inputTokens", "input_tokens", "outputTokens", "output_tokens",
@@ -178,7 +180,7 @@ TranscriptSummary parse(const std::string& path, std::int64_t startOffset) {
 
 std::string extractMessageText(JsonView message) {
   const auto [content] = message.members({"content"});
-  std::string text = trimmedText(content, previewLength);
+  std::string text = trimmedText(content, forPreview);
   if (!holdsOnlyObjects(content)) return text;
   for (JsonView block : content.elements()) {
     std::string piece = blockText(block);

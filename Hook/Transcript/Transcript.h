@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "Platform/Json/Json.h"
 #include "Platform/Json/JsonReader.h"
 
 // A text that many hold and none changes: copies cost nothing, equal is who reads the same.
@@ -66,8 +67,7 @@ namespace Transcript {
 TranscriptSummary parse(const std::string& path, std::int64_t startOffset);
 
 // The text of a message: its string content, or the text, tool-use and tool-result blocks of its list of
-// blocks, a line each. Empty when there is none. Of a content or a block longer than a preview only a
-// beginning that fills one.
+// blocks, a line each, all as far as is enough for a preview. Empty when there is none.
 std::string extractMessageText(JsonView message);
 
 // A count out of `value`: a number truncated toward zero, or a string of decimal digits with an optional

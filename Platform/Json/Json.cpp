@@ -3,14 +3,23 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
+#include <cstdlib>
+#include <limits>
 
-#include "Platform/Json/JsonEscapes.h"
 #include "Platform/Json/JsonReader.h"
-#include "Platform/Json/Utf8.h"
+#include "Platform/Json/JsonString.h"
 
 namespace {
 
-constexpr std::string_view replacementCharacter = "\xEF\xBF\xBD";
+// An integer where 64 bits hold it. The nearest double is always written out: with an exponent too large for
+// it comes the largest.
+Json number(std::string_view spelling) {
+  const char *first = spelling.data(), *const end = first + spelling.size();
+  std::int64_t integer = 0;
+  if (std::from_chars(first, end, integer) == std::from_chars_result{end, std::errc()}) return integer;
+  constexpr double most = std::numeric_limits<double>::max();
+  return std::clamp(std::strtod(std::string(spelling).c_str(), nullptr), -most, most);
+}
 
 }  // namespace
 
@@ -71,21 +80,8 @@ struct JsonWriter {
 
   void string(std::string_view text) {
     out += '"';
-    JsonEscapes::append(out, Utf8::isValid(text) ? text : repaired(text));
+    JsonString::append(out, text);
     out += '"';
-  }
-
-  // Every byte that belongs to no valid sequence replaced.
-  static std::string repaired(std::string_view text) {
-    std::string out;
-    while (!text.empty()) {
-      auto lead = static_cast<unsigned char>(text[0]);
-      std::size_t length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-      bool valid = length <= text.size() && Utf8::isValid(text.substr(0, length));
-      out += valid ? text.substr(0, length) : replacementCharacter;
-      text.remove_prefix(valid ? length : 1);
-    }
-    return out;
   }
 };
 
@@ -94,7 +90,27 @@ Json::Json(const std::vector<std::string>& strings) : value_(Array(strings.begin
 std::optional<Json> Json::parse(std::string_view text) {
   JsonReader reader;
   const JsonView root = reader.read(text);
-  return root ? std::optional(root.value()) : std::nullopt;
+  return root ? std::optional(of(root)) : std::nullopt;
+}
+
+Json Json::of(JsonView view) {
+  if (view.isObject()) {
+    std::vector<Member> members;
+    for (const auto& [key, value] : view.members())
+      members.push_back({*key.text(), of(value)});
+    return Object(std::move(members));
+  }
+  if (view.isList()) {
+    Array list;
+    for (const JsonView element : view.elements())
+      list.push_back(of(element));
+    return list;
+  }
+  if (auto text = view.text()) return std::move(*text);
+  const std::string_view spelling = view.spelling();
+  if (spelling.empty() || spelling == "null") return nullptr;
+  if (spelling == "true" || spelling == "false") return spelling == "true";
+  return number(spelling);
 }
 
 std::optional<Json::Object> Json::parseObject(std::string_view text) {

@@ -6,7 +6,7 @@
 //
 // The parser is strict about grammar and UTF-8, and lenient where strictness would let a hostile number or
 // string switch the guard off: integers beyond 64 bits become doubles, numbers beyond a double's range
-// saturate, a lone surrogate escape becomes U+FFFD. Nesting beyond `maxDepth` is malformed.
+// saturate, a lone surrogate escape becomes U+FFFD. Nesting beyond `JsonReader::maxDepth` is malformed.
 #pragma once
 
 #include <cstdint>
@@ -17,6 +17,8 @@
 #include <utility>
 #include <variant>
 #include <vector>
+
+class JsonView;
 
 class Json {
  public:
@@ -59,8 +61,6 @@ class Json {
     std::vector<Member> members_;  // sorted by key, keys distinct
   };
 
-  static constexpr int maxDepth = 512;
-
   Json(std::nullptr_t = nullptr) {}
   Json(bool value) : value_(value) {}
   Json(int value) : value_(std::int64_t{value}) {}
@@ -75,6 +75,9 @@ class Json {
 
   // The value of one JSON text of any kind; absent when it is malformed or empty.
   static std::optional<Json> parse(std::string_view text);
+
+  // A value that has been read, with all that is in it; null when `view` is none.
+  static Json of(JsonView view);
 
   // The members of one JSON text whose top level is an object; absent for every other text.
   static std::optional<Object> parseObject(std::string_view text);

@@ -1,4 +1,5 @@
 #include "Platform/Json/Json.h"
+#include "Platform/Json/JsonReader.h"
 
 #include <gtest/gtest.h>
 
@@ -120,8 +121,8 @@ TEST(Json, NestsToItsBoundAndNoDeeper) {
       const auto times = static_cast<std::size_t>(depth);
       return repeated(open, times) + "1" + repeated(close, times);
     };
-    EXPECT_TRUE(Json::parse(nested(Json::maxDepth))) << open;
-    EXPECT_FALSE(Json::parse(nested(Json::maxDepth + 1))) << open;
+    EXPECT_TRUE(Json::parse(nested(JsonReader::maxDepth))) << open;
+    EXPECT_FALSE(Json::parse(nested(JsonReader::maxDepth + 1))) << open;
     EXPECT_FALSE(Json::parse(nested(5'000'000))) << open;
     EXPECT_FALSE(Json::parse(repeated(open, 1'000'000))) << open;
   }

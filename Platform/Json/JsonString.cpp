@@ -1,31 +1,16 @@
-#include "Platform/Json/JsonEscapes.h"
+#include "Platform/Json/JsonString.h"
 
 #include <algorithm>
 #include <array>
 #include <bit>
 #include <cstdint>
+#include <cstring>
 
-#ifdef __SSE2__
-#include <emmintrin.h>
-#endif
+#include "Platform/Json/Utf8.h"
 
-namespace JsonEscapes {
+namespace JsonString {
 
 namespace {
-
-constexpr std::uint32_t replacementCharacter = 0xFFFD;
-
-void appendUtf8(std::string& out, std::uint32_t codePoint) {
-  if (codePoint < 0x80) {
-    out += static_cast<char>(codePoint);
-    return;
-  }
-  int trailing = codePoint < 0x800 ? 1 : codePoint < 0x10000 ? 2 : 3;
-  constexpr unsigned char leads[] = {0, 0xC0, 0xE0, 0xF0};
-  out += static_cast<char>(leads[trailing] | codePoint >> 6 * trailing);
-  while (trailing-- > 0)
-    out += static_cast<char>(0x80 | (codePoint >> 6 * trailing & 0x3F));
-}
 
 // What each character is worth as a hexadecimal digit; -1 where it is none.
 constexpr auto digitValues = [] {
@@ -68,47 +53,33 @@ std::size_t escapeLength(std::string_view text) {
   return codeUnit(text) < 0 ? 0 : 6;
 }
 
-constexpr std::size_t blockSize = 64;
+constexpr std::ptrdiff_t blockSize = 16;
 
-// One bit for each byte of a block, the lowest for the first.
-struct Block {
-  std::uint64_t backslashes = 0;
-  std::uint64_t frequent = 0;  // what stands behind most backslashes that begin an escape
+// Where the first byte in a block is that has to be looked at; `blockSize` when there is none. It is a
+// control character, the closing quote, or what stands behind a backslash, but for the most frequent escapes.
+// The byte in front of the block, when it is a backslash, begins an escape.
+std::ptrdiff_t stopIn(const char* block) {
+  using Bytes [[gnu::vector_size(blockSize)]] = signed char;
+  Bytes bytes, before;
+  std::memcpy(&bytes, block, blockSize);
+  std::memcpy(&before, block - 1, blockSize);
+  const Bytes quote = bytes == '"', escaped = before == '\\', frequent = (bytes == 'n') | (bytes == 't');
+  const Bytes stops = ((bytes & ~0x1F) == 0) | ((quote ^ escaped) & ~(escaped & frequent));
+  std::uint64_t words[2];
+  std::memcpy(words, &stops, blockSize);
+  if (words[0]) return std::countr_zero(words[0]) / 8;
+  return 8 + std::countr_zero(words[1]) / 8;
+}
 
-  explicit Block(const char* bytes) {
-#ifdef __SSE2__
-#pragma GCC unroll 4
-    for (std::size_t i = 0; i < blockSize; i += 16) {
-      const __m128i some = _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes + i));
-      auto equal = [&](char c) { return _mm_cmpeq_epi8(some, _mm_set1_epi8(c)); };
-      auto bits = [&](__m128i mask) {
-        return std::uint64_t{static_cast<std::uint32_t>(_mm_movemask_epi8(mask))} << i;
-      };
-      const __m128i backslash = equal('\\');
-      backslashes |= bits(backslash);
-      const __m128i letter = _mm_or_si128(_mm_or_si128(equal('n'), equal('t')), equal('"'));
-      frequent |= bits(_mm_or_si128(letter, backslash));
-    }
-#else
-    for (std::size_t i = 0; i < blockSize; ++i)
-      backslashes |= std::uint64_t{bytes[i] == '\\'} << i;
-#endif
+// The first such byte from `at` on; the end when there is none.
+const char* firstStop(const char* at, const char* end) {
+  for (; end - at >= blockSize; at += blockSize) {
+    if (const auto found = stopIn(at); found != blockSize) return at + found;
   }
-
-  // The bytes behind a backslash that begins an escape. `first` says whether the block's first byte is one,
-  // and then whether the next block's is.
-  std::uint64_t escaped(bool& first) const {
-    // In a row of backslashes every second one, from its start on, begins an escape. Subtracting the row from
-    // the odd bits borrows along it: the bits that flip are those of the escapes, both bytes of each.
-    constexpr std::uint64_t odd = 0xAAAA'AAAA'AAAA'AAAA;
-    const std::uint64_t row = backslashes & ~std::uint64_t{first};
-    const std::uint64_t escapes = (((row << 1) | odd) - row) ^ odd;
-    const std::uint64_t behind = escapes ^ (backslashes | std::uint64_t{first});
-    first = false;
-    if (backslashes >> 63) first = escapes >> 63;  // seldom, so no block waits for the one before
-    return behind;
-  }
-};
+  char padded[1 + blockSize] = {};
+  std::copy(at - 1, end, padded);
+  return at + stopIn(padded + 1);
+}
 
 // Whether it is one of ASCII's visible characters. No two of them share a user-perceived one (UAX #29),
 // whatever stands around them.
@@ -121,35 +92,35 @@ bool isVisible(char c) {
 void takeUnicodeEscape(std::string_view& text, std::string& out) {
   const auto unit = static_cast<std::uint32_t>(codeUnit(text));
   text.remove_prefix(6);
-  if (unit < 0xD800 || unit > 0xDFFF) return appendUtf8(out, unit);
+  if (unit < 0xD800 || unit > 0xDFFF) return Utf8::append(out, unit);
   const auto low = static_cast<std::uint32_t>(unit < 0xDC00 ? codeUnit(text) : -1);
-  if (low < 0xDC00 || low > 0xDFFF) return appendUtf8(out, replacementCharacter);
+  if (low < 0xDC00 || low > 0xDFFF) return Utf8::append(out, Utf8::replacement);
   text.remove_prefix(6);
-  appendUtf8(out, 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00));
+  Utf8::append(out, 0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00));
 }
 
 }  // namespace
 
-bool areValid(std::string_view text) {
-  char last[blockSize] = {};
-  bool first = false;
-  for (std::size_t at = 0;; at += blockSize) {
-    const bool partial = text.size() - at < blockSize;
-    if (partial) text.copy(last, blockSize, at);
-    const Block block(partial ? last : text.data() + at);
-    for (std::uint64_t left = block.escaped(first) & ~block.frequent; left; left &= left - 1) {
-      const std::size_t letter = at + static_cast<std::size_t>(std::countr_zero(left));
-      if (escapeLength(text.substr(letter - 1)) == 0) return false;
-    }
-    if (partial) return true;
+std::size_t length(std::string_view text) {
+  const char *at = text.data() + 1, *const end = text.data() + text.size();
+  while (at != end && *at != '"') {
+    if (static_cast<unsigned char>(*at) < ' ') return 0;
+    at = firstStop(at + 1, end);
+    if (at == end || *at == '"' || at[-1] != '\\') continue;
+    const std::size_t escape = escapeLength({at - 1, end});
+    if (escape == 0) return 0;
+    at += escape - 1;
   }
+  return at != end ? static_cast<std::size_t>(at + 1 - text.data()) : 0;
 }
 
-std::string resolved(std::string_view content, std::size_t enough) {
-  const bool whole = content.size() <= enough;
+std::string resolved(std::string_view content, Enough enough) {
+  const bool whole = content.size() <= enough.characters;
   std::string out;
-  out.reserve(whole ? content.size() : enough + enough / 2);  // no escape is shorter than what it stands for
-  for (std::size_t lacking = enough;;) {
+  out.reserve(whole ? content.size()
+                    : enough.characters +
+                          enough.characters / 2);  // no escape is shorter than what it stands for
+  for (std::size_t lacking = enough.characters;;) {
     const std::string_view next = whole ? content : content.substr(0, lacking + 1);
     const std::size_t plain = std::min(next.find('\\'), next.size());
     out += next.substr(0, plain);
@@ -171,6 +142,7 @@ std::string resolved(std::string_view content, std::size_t enough) {
 }
 
 void append(std::string& out, std::string_view text) {
+  if (!Utf8::isValid(text)) return append(out, Utf8::repaired(text));
   static constexpr char hexadecimal[] = "0123456789abcdef";
   std::size_t written = 0;
   for (std::size_t at = 0; at < text.size(); ++at) {
@@ -188,4 +160,4 @@ void append(std::string& out, std::string_view text) {
   out += text.substr(written);
 }
 
-}  // namespace JsonEscapes
+}  // namespace JsonString
