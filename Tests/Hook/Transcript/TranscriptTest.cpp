@@ -1,184 +1,230 @@
+#include "Hook/Transcript/Transcript.h"
+
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <limits>
-
 #include "Platform/Files.h"
-#include "Tests/Support/TranscriptFixture.h"
+#include "Tests/Support/Sandbox.h"
+#include "Tests/Support/Table.h"
 
 namespace {
 
-constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max();
+class TranscriptTest : public testing::Test {
+ protected:
+  TranscriptSummary parse(const std::string& content, std::int64_t startOffset = 0) {
+    sandbox_.write(sandbox_.root() + "/transcript.jsonl", content);
+    return Transcript::parse(sandbox_.root() + "/transcript.jsonl", startOffset);
+  }
 
-using TranscriptTest = TranscriptFixture;
+  // The messages of the calls in a text where "<m>" is a line of 43 bytes that records a call of message "m".
+  std::string messages(std::string text, std::int64_t startOffset = 0) {
+    text = replaced(replaced(text, "<", R"({"type":"assistant","model":"m","uuid":")"), ">", "\"}");
+    std::string ids;
+    for (const LlmCallData& call : parse(text, startOffset).calls)
+      ids += call.messageID;
+    return ids;
+  }
 
-// A line that records a call of that message, and the messages of a summary's calls.
-std::string line(const std::string& id) {
-  return R"({"type":"assistant","model":"m","uuid":")" + id + R"("})";
-}
-std::string idsOf(const TranscriptSummary& summary) {
-  std::string ids;
-  for (const LlmCallData& call : summary.calls)
-    ids += call.messageID;
-  return ids;
-}
+  // The one call that an assistant line of those members records.
+  LlmCallData call(const std::string& members) {
+    const TranscriptSummary summary = parse(R"({"type":"assistant",)" + members + "}");
+    EXPECT_EQ(summary.calls.size(), 1u) << members;
+    return summary.calls.empty() ? LlmCallData() : summary.calls[0];
+  }
+
+  // The text of a message of that content, the same by either way to it.
+  std::string text(const std::string& content) {
+    const std::string message = R"({"content":)" + content + "}";
+    JsonReader reader;
+    const std::string extracted = Transcript::extractMessageText(reader.read(message));
+    EXPECT_EQ(extracted, call(R"("model":"m","message":)" + message).responsePreview) << content;
+    return extracted;
+  }
+
+  Sandbox sandbox_;
+};
 
 TEST_F(TranscriptTest, ReadsACallOfEveryMember) {
-  TranscriptSummary summary = parse(
-      R"({"type":"user","message":{"role":"user","content":"Why?"},"uuid":"u1"})"
-      "\n"
-      R"({"isSidechain":false,"message":{"model":"claude-haiku-4-5-20251001","id":"msg_1","type":"message",)"
+  const TranscriptSummary summary = parse(
+      R"({"type":"user","message":{"role":"user","content":"Why?"},"uuid":"u1"}
+{"isSidechain":false,"message":{"model":"claude-haiku-4-5-20251001","id":"msg_1","type":"message",)"
       R"("role":"assistant","content":[{"type":"thinking","thinking":"Hm.","signature":"c2ln"},)"
       R"({"type":"text","text":" Because.\n"},{"type":"tool_use","id":"t","name":"Bash","input":{"a":[1]}}],)"
       R"("stop_reason":null,"usage":{"input_tokens":1000,"output_tokens":500,"cache_read_input_tokens":7,)"
       R"("cache_creation_input_tokens":9,"cache_creation":{"ephemeral_5m_input_tokens":9}}},)"
-      R"("type":"assistant","uuid":"a1","timestamp":"2026-01-31T09:15:00.123Z"})"
-      "\n"
-      R"({"type":"summary","summary":"Reasons","leafUuid":"a1"})"
-      "\n");
-  LlmCallData expected;
-  expected.model = "claude-haiku-4-5-20251001";
-  expected.tokensIn = 1000;
-  expected.tokensOut = 500;
-  expected.cacheReadTokens = 7;
-  expected.cacheCreationTokens = 9;
-  expected.cost = 0.0028;
-  expected.task = "claude_code_turn";
-  expected.messageID = "msg_1";
-  expected.promptPreview = std::string("Why?");
-  expected.responsePreview = "Because.\n[tool_use:Bash]";
-  expected.timestamp = "2026-01-31T09:15:00.123Z";
-  TranscriptSummary whole;
-  whole.calls = {expected};
-  whole.totalTokensIn = 1000;
-  whole.totalTokensOut = 500;
-  whole.totalCost = 0.0028;
-  whole.totalTurns = 1;
-  whole.modelsUsed = {expected.model};
-  EXPECT_EQ(summary, whole);
+      R"("type":"assistant","uuid":"a1","timestamp":"2026-01-31T09:15:00.123Z"}
+{"type":"summary","summary":"Reasons","leafUuid":"a1"}
+)");
+  const std::string model = "claude-haiku-4-5-20251001", answer = "Because.\n[tool_use:Bash]";
+  const std::string time = "2026-01-31T09:15:00.123Z", task = "claude_code_turn", prompt = "Why?";
+  const LlmCallData expected{model, 1000, 500, 7, 9, 0.0028, task, "msg_1", prompt, answer, time};
+  EXPECT_EQ(summary, (TranscriptSummary{{expected}, 1000, 500, 0.0028, 1, {model}, 0}));
 }
 
 TEST_F(TranscriptTest, TakesTheLinesBehindTheOffset) {
-  const std::string a = line("a"), b = line("b"), c = line("c"), both = a + "\n" + b + "\n";
-  const auto length = static_cast<std::int64_t>(both.size()),
-             second = static_cast<std::int64_t>(a.size()) + 1;
-  struct Row {
-    const char* sentence;
-    std::string content;
-    std::int64_t startOffset;
-    std::string ids;
-  };
-  const Row rows[] = {
-      {"offset 0 keeps the first line", both, 0, "ab"},
-      {"a negative offset is none", both, -5, "ab"},
-      {"an offset within a line discards the line", both, 1, "b"},
-      {"an offset at the line feed discards nothing more", both, second - 1, "b"},
-      {"an offset at a line's start discards that line", both, second, ""},
-      {"an offset at the end leaves nothing", both, length, ""},
-      {"an offset beyond the end takes the whole file but its first line", both, length + 1, "b"},
-      {"so does the greatest offset", both, most, "b"},
-      {"a last line without an end is a line", a + "\n" + b, 0, "ab"},
-      {"a cut last line is none", a + "\n" + b.substr(0, 20), 0, "a"},
-      {"an empty file has no calls", "", 0, ""},
-      {"the line feed of a carriage return ends no line", a + "\r\n" + b + "\r\n", 0, ""},
-      {"one object before a carriage return and line feed is a piece", a + "\r\n", 0, "a"},
-      {"a second carriage return does not set the line feed free", a + "\n" + b + "\r\r\n" + c, 0, "a"},
-      {"an offset behind the carriage return does", "x\r\n" + a, 2, "a"},
-      {"the first piece lasts to a line feed of its own", a + "\r\n" + b + "\n" + c, 1, "c"},
-      {"blank lines count for nothing", "\n \t\n" + a + "\n\n\n" + b + "\n", 0, "ab"},
-      {"spaces and tabs around a line are no part of it", " \t" + a + "\t \n", 0, "a"},
-      {"other white space is", "\u00A0" + a + "\n" + b, 0, "b"},
-      {"what is no JSON object is skipped", "{\n[" + a + "]\n\"s\"\nnull\n" + a + "x\n" + b, 0, "b"},
-      {"a fault in a member that is not read spoils its line",
-       R"({"type":"assistant","uuid":"a","model":"m","x":[01]})"
-       "\n" +
-           b,
-       0, "b"},
-      {"so does an escape that is none",
-       R"({"type":"assistant","uuid":"a","model":"m","x":"\q"})"
-       "\n" +
-           b,
-       0, "b"},
-      {"bytes that are not UTF-8 empty the whole", a + "\n{\"x\":\"\xFF\"}\n" + b, 0, ""},
-      {"also between objects", a + "\n\xC3\n" + b, 0, ""},
-      {"also in the piece that is discarded", "x\xFF\n" + a, 1, ""},
-      {"also as the rest of a character that the offset cuts", "ä\n" + a, 1, ""},
-      {"but not before the offset", "\xFF\n" + a + "\n" + b, 1, "ab"},
-      {"a line longer than any buffer is read",
-       a + "\n" + R"({"x":")" + std::string(3'000'000, 'x') + "\"," + b.substr(1) + "\n" + c, 0, "abc"},
-  };
-  for (const Row& row : rows)
-    EXPECT_EQ(idsOf(parse(row.content, row.startOffset)), row.ids) << row.sentence;
-}
-
-TEST_F(TranscriptTest, FindsLinesWhereverTheChunksOfReadingEnd) {
-  // A carriage return and its line feed, a line feed, and a character of three bytes, moved over the place.
+  // messages ¦ offset ¦ contents
+  for (const auto& row : cases(2, R"(
+      ab  ¦ 0  ¦ <a>␊<b>␊ ¦ <a>␊<b> ¦ ␊ ␉␊<a>␊␊␊<b>␊
+      ab  ¦ -5 ¦ <a>␊<b>␊
+      b   ¦ 1  ¦ <a>␊<b>␊
+      b   ¦ 43 ¦ <a>␊<b>␊
+      ∅   ¦ 44 ¦ <a>␊<b>␊
+      ∅   ¦ 88 ¦ <a>␊<b>␊
+      b   ¦ 89 ¦ <a>␊<b>␊
+      b   ¦ 9223372036854775807 ¦ <a>␊<b>␊
+      a   ¦ 0  ¦ <a>␊{"type":"assistant", ¦ ␠␉<a>␉ ␊ ¦ <a>␍␊ ¦ <a>␊<b>␍␍␊<c>
+      a   ¦ 2  ¦ x␍␊<a>
+      c   ¦ 1  ¦ <a>␍␊<b>␊<c>
+      b   ¦ 0  ¦ «C2A0»<a>␊<b> ¦ {␊[<a>]␊"s"␊null␊<a>x␊<b>
+      b   ¦ 0  ¦ {"type":"assistant","uuid":"a","model":"m","x":[01]}␊<b>
+      b   ¦ 0  ¦ {"type":"assistant","uuid":"a","model":"m","x":"\q"}␊<b>
+      ∅   ¦ 0  ¦ ∅ ¦ <a>␍␊<b>␍␊ ¦ <a>␊{"x":"«FF»"}␊<b> ¦ <a>␊«C3»␊<b>
+      ∅   ¦ 1  ¦ x«FF»␊<a> ¦ ä␊<a>
+      ab  ¦ 1  ¦ «FF»␊<a>␊<b>
+      abc ¦ 0  ¦ <a>␊{"x":"«x×3000000»","type":"assistant","model":"m","uuid":"b"}␊<c>
+      )"))
+    EXPECT_EQ(messages(row[2], std::stoll(row[1])), row[0]) << row[1] << " " << row[2].substr(0, 99);
+  // A carriage return and its line feed, a line feed and a character of three bytes, wherever a chunk ends.
   for (std::size_t chunk : {64u * 1024u, 128u * 1024u, 256u * 1024u, 1024u * 1024u}) {
-    for (std::size_t shift = 0; shift < 12; ++shift) {
-      std::string content =
-          "\"" + std::string(chunk - 6 - shift, 'x') + "→\"\r\n1\n" + line("a") + "\n" + line("b");
-      EXPECT_EQ(idsOf(parse(content)), "ab") << chunk << " " << shift;
-    }
+    for (std::size_t shift = 0; shift < 12; ++shift)
+      EXPECT_EQ(messages("\"" + std::string(chunk - 6 - shift, 'x') + "→\"\r\n1\n<a>\n<b>"), "ab") << shift;
   }
 }
 
-TEST_F(TranscriptTest, GivesEachCallTheLatestPrompt) {
-  auto user = [](const std::string& message) { return R"({"type":"user","message":)" + message + "}\n"; };
-  const std::string answer = line("x") + "\n";
-  TranscriptSummary summary = parse(
-      answer + user(R"({"content":" first "})") + answer + answer + user(R"({"content":" \n"})") + answer +
-      user(R"("second")") + answer + user(R"({"content":["second",{"type":"text","text":"second"}]})") +
-      answer + user(R"({"content":[{"type":"tool_result","content":"found"}]})") + answer +
-      user(R"({"content":"last"})"));
-  std::string prompts;
-  for (const LlmCallData& each : summary.calls)
-    prompts += each.promptPreview.value() + "|";
-  EXPECT_EQ(prompts, "|first|first|first|first|first|[tool_result] found|");
+TEST_F(TranscriptTest, TellsLinesByTheirTypeAlone) {
+  // calls and tool uses ¦ lines
+  for (const auto& row : cases(1, R"(
+    0 0 ¦ {"type":"user","model":"m"} ¦ {"type":"system","model":"m"} ¦ {"type":"Assistant","model":"m"}
+    0 0 ¦ {"type":"tool ","model":"m"} ¦ {"type":["tool"],"model":"m"} ¦ {"model":"m"}
+    0 0 ¦ {"message":{"type":"tool"}} ¦ {"type":"assistant"}
+    0 0 ¦ {"type":"assistant","usage":{"cacheReadInputTokens":5}}
+    0 0 ¦ {"type":"assistant","usage":{"input_tokens":-5,"output_tokens":-1}}
+    0 1 ¦ {"type":"tool_use","model":"m"} ¦ {"type":"tool"} ¦ {"t\u0079p\u0065":"\u0074ool"}
+    0 1 ¦ {"type":"tool","x":[[[[[{"type":"x"}]]]]]} ¦ {"type":"tool","x":«[×600»«]×600»}␊{"type":"tool"}
+    1 0 ¦ {"type":"assistant","model":"m"} ¦ {"type":"tool","type":"assistant","model":"m"}
+    1 0 ¦ {"type":"assistant","usage":{"input_tokens":1}} ¦ {"type":"assistant","usage":{"output_tokens":1}}
+    1 0 ¦ {"type":"assistant","message":[],"model":"m"}
+    1 0 ¦ {"type":"assistant","isApiErrorMessage":true,"message":{"model":"<synthetic>","content":[]}}
+    )")) {
+    const TranscriptSummary read = parse(row[1]);
+    EXPECT_EQ(std::to_string(read.calls.size()) + " " + std::to_string(read.toolUses), row[0]) << row[1];
+  }
 }
 
-TEST_F(TranscriptTest, CutsPreviewsByUserPerceivedCharacters) {
-  const std::string accented = "e\u0301";
-  struct Row {
-    const char* sentence;
-    std::string text;
-    std::string preview;
-  };
-  const Row rows[] = {
-      {"2000 characters stay", std::string(2000, 'x'), std::string(2000, 'x')},
-      {"of 2001 the last two make room", std::string(2001, 'x'), std::string(1999, 'x') + "…"},
-      {"2000 accented characters stay", repeated(accented, 2000), repeated(accented, 2000)},
-      {"of 2001 accented ones the last two make room", repeated(accented, 2001),
-       repeated(accented, 1999) + "…"},
-  };
-  for (const Row& row : rows) {
-    const std::string text = '"' + row.text + '"';
-    for (const std::string& content : {text, R"([{"type":"text","text":)" + text + "}]"}) {
-      std::string message = R"("message":{"model":"m","content":)" + content + "}}\n";
-      TranscriptSummary summary = parse(R"({"type":"user",)" + message + R"({"type":"assistant",)" + message);
-      ASSERT_EQ(summary.calls.size(), 1u);
-      EXPECT_EQ(summary.calls[0].promptPreview.value(), row.preview) << row.sentence;
-      EXPECT_EQ(summary.calls[0].responsePreview, row.preview) << row.sentence;
-    }
+TEST_F(TranscriptTest, ChoosesAmongTheSourcesOfEachMember) {
+  // model, message, timestamp and tokens: in, out, read from the cache, written to it ¦ members
+  for (const auto& row : cases(1, R"(
+    |||1 0 0 0 ¦ "modelMetadata":{"inputTokens":1},"usage":{"inputTokens":2}
+    |||2 0 0 0 ¦ "usage":{"inputTokens":2},"message":{"usage":{"inputTokens":3}}
+    |||2 0 0 0 ¦ "modelMetadata":"x","usage":{"inputTokens":2},"message":{"usage":{"inputTokens":3}}
+    |||3 0 0 0 ¦ "modelMetadata":{},"usage":{"inputTokens":2},"message":{"usage":{"inputTokens":3}}
+    |||3 0 0 0 ¦ "usage":[1],"message":{"usage":{"inputTokens":3}} ¦ "message":{"usage":{"inputTokens":3}}
+    |||3 0 0 0 ¦ "usage":{},"message":{"usage":{"inputTokens":3}}
+    m|||0 0 0 0 ¦ "model":"m","usage":{"x":1},"message":{"usage":{"inputTokens":3}}
+    u|||0 0 0 0 ¦ "usage":{"model":"u"},"model":"l","message":{"model":"m"}
+    l|||0 0 0 0 ¦ "model":"l","message":{"model":"m"}
+    m|||0 0 0 0 ¦ "message":{"model":"m"} ¦ "usage":{"model":1},"model":null,"message":{"model":"m"}
+    |||1 0 0 0 ¦ "usage":{"model":"","inputTokens":1},"model":"l"
+    m|i||0 0 0 0 ¦ "model":"m","uuid":"u","message":{"id":"i"}
+    m|u||0 0 0 0 ¦ "model":"m","uuid":"u","message":{"id":7}
+    m|||0 0 0 0 ¦ "model":"m","uuid":"u","message":{"id":""} ¦ "model":"m","timestamp":1769850900
+    m|| today␊|0 0 0 0 ¦ "model":"m","timestamp":" today\n"
+    |||1 2 3 0 ¦ "usage":{"inputTokens":1,"outputTokens":2,"cacheReadInputTokens":3}
+    |||1 2 3 0 ¦ "usage":{"input_tokens":1,"output_tokens":2,"cache_read_input_tokens":3}
+    |||5 -1 0 0 ¦ "usage":{"inputTokens":5,"input_tokens":12,"outputTokens":-1,"output_tokens":7}
+    |||12 7 0 0 ¦ "usage":{"inputTokens":0,"input_tokens":12,"outputTokens":"x","output_tokens":7}
+    m|||0 0 8 0 ¦ "model":"m","usage":{"cacheReadInputTokens":8,"cache_read_input_tokens":9}
+    m|||0 0 9 0 ¦ "model":"m","usage":{"cacheReadInputTokens":null,"cache_read_input_tokens":9}
+    m|||0 0 0 4 ¦ "model":"m","usage":{"cacheCreationInputTokens":4,"cache_creation_input_tokens":11}
+    m|||0 0 0 11 ¦ "model":"m","usage":{"cacheCreationInputTokens":0.9,"cache_creation_input_tokens":11}
+    |||42 3 0 0 ¦ "usage":{"input_tokens":"42","output_tokens":3.9,"cache_read_input_tokens":"42.0"}
+    )")) {
+    const LlmCallData read = call(row[1]);
+    std::string shown = read.model + "|" + read.messageID + "|" + read.timestamp + "|";
+    for (auto count : {read.tokensIn, read.tokensOut, read.cacheReadTokens, read.cacheCreationTokens})
+      shown += std::to_string(count) + " ";
+    EXPECT_EQ(shown, row[0] + " ") << row[1];
   }
+}
+
+TEST_F(TranscriptTest, TakesAMessagesContentOrTheTextOfItsBlocks) {
+  // text ¦ contents
+  for (const auto& row : cases(1, R"(
+    ∅       ¦ {"type":"text","text":"a"} ¦ [] ¦ [{"type":"text","text":"a"},"b"] ¦ [{"type":"tool_result"}]
+    ∅       ¦ [{"type":"text","text":["a"]},{"type":"text"}]
+    ∅       ¦ [{"type":"thinking","text":"a"},{"text":"b"},{"type":1,"text":"c"},{"type":"Text","text":"d"}]
+    a␊ b    ¦ "\u2028 a\n b\t\r\n"
+    a␊b     ¦ [{"type":"text","text":" a\n"},{"type":"text","text":" "},{"type":"text","text":"b "}]
+    b       ¦ [{"type":"text","text":" "},{"type":"text","text":"b"}]
+    [tool_use:Bash] ¦ [{"type":"tool_use","name":"Bash","text":"x"}]
+    [tool_use:tool]␊[tool_use:tool] ¦ [{"type":"tool_use","name":1},{"type":"tool_use"}]
+    [tool_use:] ¦ [{"type":"tool_use","name":""}]
+    a␊[tool_result] b     ¦ [{"type":"text","text":"a"},{"type":"tool_result","content":"b"}]
+    [tool_result] b␊[tool_use:C] ¦ [{"type":"tool_result","content":"b"},{"type":"tool_use","name":"C"}]
+    )"))
+    EXPECT_EQ(text(row[1]), row[0]) << row[1];
+  // text ¦ contents of a tool's result
+  for (const auto& row : cases(1, R"(
+    ∅              ¦ " \n" ¦ [{"type":"text","text":"a"},"b"]
+    found          ¦ " found\n" ¦ [{"type":"image","text":"i"},{"type":"text","text":"found"}]
+    yes            ¦ [{"type":"text","text":" "},{"type":"text"},{"type":"text","text":"\tyes"}]
+    yes            ¦ [{"type":"text","text":"yes"},{"type":"text","text":"no"}]
+    «r×400»        ¦ "«r×1000»" ¦ "« \n×900»«r×1000»" ¦ [{"type":"text","text":"«r×1000»"}]
+    «r×400»«CC81»  ¦ "«r×400»«CC81»s"
+    «r×399»        ¦ "«r×399»  x"
+    «é×400»        ¦ "«é×401»"
+    «a␊×199»a      ¦ "«\u0061\n×300»"
+    )"))
+    EXPECT_EQ(text(R"([{"type":"tool_result","content":)" + row[1] + "}]"),
+              row[0].empty() ? "" : "[tool_result] " + row[0])
+        << row[1];
+}
+
+TEST_F(TranscriptTest, GivesEachCallTheLatestPromptAndCutsPreviewsByUserPerceivedCharacters) {
+  std::string content = "{\"type\":\"assistant\",\"model\":\"m\"}\n", expected = "|\n", previews;
+  // a message, of the user and of the answer ¦ the prompt from then on ¦ the answer's text
+  for (const auto& row : rows(R"(
+    {} ¦ ∅ ¦ ∅
+    {"content":" first "} ¦ first ¦ first
+    {"role":"user"}       ¦ first ¦ ∅
+    {"content":" \n"}     ¦ first ¦ ∅
+    "second"              ¦ first ¦ ∅
+    {"content":["second",{"type":"text","text":"second"}]} ¦ first ¦ ∅
+    {"content":[{"type":"tool_result","content":"found"}]} ¦ [tool_result] found ¦ [tool_result] found
+    {"content":"«x×2000»"} ¦ «x×2000» ¦ «x×2000»
+    {"content":"«x×2001»"} ¦ «x×1999»… ¦ «x×1999»…
+    {"content":"«e«CC81»×2000»"} ¦ «e«CC81»×2000» ¦ «e«CC81»×2000»
+    {"content":"«e«CC81»×2001»"} ¦ «e«CC81»×1999»… ¦ «e«CC81»×1999»…
+    {"content":[{"type":"text","text":"«x×2000»"}]} ¦ «x×2000» ¦ «x×2000»
+    {"content":[{"type":"text","text":"«x×2001»"}]} ¦ «x×1999»… ¦ «x×1999»…
+    {"content":[{"type":"text","text":"«e«CC81»×2000»"}]} ¦ «e«CC81»×2000» ¦ «e«CC81»×2000»
+    {"content":[{"type":"text","text":"«e«CC81»×2001»"}]} ¦ «e«CC81»×1999»… ¦ «e«CC81»×1999»…
+    )")) {
+    for (const char* type : {"user", "assistant", "assistant"})
+      content += R"({"type":")" + std::string(type) + R"(","model":"m","message":)" + row[0] + "}\n";
+    expected += row[1] + "|" + row[2] + "\n" + row[1] + "|" + row[2] + "\n";
+  }
+  for (const LlmCallData& each : parse(content + R"({"type":"user","message":{"content":"last"}})").calls)
+    previews += each.promptPreview.value() + "|" + each.responsePreview + "\n";
+  EXPECT_EQ(previews, expected);
 }
 
 TEST_F(TranscriptTest, SumsInListOrderAndHoldsAtTheEndsOfTheRange) {
-  auto opus = [](const std::string& in, const std::string& out, const std::string& model = "opus") {
-    return R"({"type":"assistant","usage":{"model":")" + model + R"(","input_tokens":)" + in +
-           R"(,"output_tokens":)" + out + "}}\n";
-  };
   TranscriptSummary summary =
-      parse(opus("1", "2", "b") + opus("3", "0", "a") + opus("5", "1", "b") + opus("7", "1", "") +
-            R"({"type":"tool"})" + "\n" + R"({"type":"tool_use"})");
-  EXPECT_EQ(summary.totalTokensIn, 16);
-  EXPECT_EQ(summary.totalTokensOut, 4);
-  EXPECT_EQ(summary.totalCost, 0.0 + 33.0 / 1e6 + 9.0 / 1e6 + 30.0 / 1e6 + 36.0 / 1e6);
-  EXPECT_EQ(summary.totalTurns, 4);
-  EXPECT_EQ(summary.modelsUsed, (std::vector<std::string>{"a", "b"}));
-  EXPECT_EQ(summary.toolUses, 2);
+      parse(R"({"type":"assistant","model":"b","usage":{"inputTokens":1,"outputTokens":2}}
+{"type":"assistant","model":"a","usage":{"inputTokens":3,"outputTokens":0}}
+{"type":"assistant","model":"b","usage":{"inputTokens":5,"outputTokens":1}}
+{"type":"assistant","model":"","usage":{"inputTokens":7,"outputTokens":1}}
+{"type":"tool"}
+{"type":"tool_use"})");
+  summary.calls.clear();
+  const double cost = 0.0 + 33.0 / 1e6 + 9.0 / 1e6 + 30.0 / 1e6 + 36.0 / 1e6;
+  EXPECT_EQ(summary, (TranscriptSummary{{}, 16, 4, cost, 4, {"a", "b"}, 2}));
 
-  summary = parse(opus("9223372036854775807", "-9223372036854775808") + opus("1", "-1"));
-  EXPECT_EQ(summary.totalTokensIn, most);
-  EXPECT_EQ(summary.totalTokensOut, std::numeric_limits<std::int64_t>::min());
+  summary = parse(R"({"type":"assistant","usage":{"inputTokens":9223372036854775807,"outputTokens":-9e18}}
+{"type":"assistant","usage":{"inputTokens":1,"outputTokens":-9e18}})");
+  EXPECT_EQ(summary.totalTokensIn, 9223372036854775807);
+  EXPECT_EQ(summary.totalTokensOut, -9223372036854775807 - 1);
 }
 
 TEST_F(TranscriptTest, LogsAFileThatCannotBeReadAndNothingElse) {
@@ -193,6 +239,39 @@ TEST_F(TranscriptTest, LogsAFileThatCannotBeReadAndNothingElse) {
   EXPECT_EQ(logged, "hook.transcript error transcript not found: " + none +
                         "\nhook.transcript error transcript read failed: " + fifo +
                         "\nhook.transcript error transcript read failed: " + sandbox_.root() + "\n");
+}
+
+TEST(IntFrom, ReadsNumbersAndDecimalTexts) {
+  // count ¦ values
+  for (const auto& row : cases(1, R"(
+      42   ¦ 42
+      42   ¦ "42" ¦ "+42"
+      -42  ¦ "-42"
+      -3   ¦ -3 ¦ -3.7
+      12   ¦ 12.9
+      7    ¦ "007"
+      1000 ¦ 1e3
+      9223372036854775807  ¦ 9223372036854775807 ¦ "9223372036854775807"
+      -9223372036854775808 ¦ -9223372036854775808 ¦ "-9223372036854775808" ¦ -9223372036854775808.0
+      0    ¦ 0.9 ¦ 9223372036854775808 ¦ "9223372036854775808" ¦ 1e19 ¦ -1e19 ¦ 1e999
+      0    ¦ "42.0" ¦ " 12" ¦ "12 " ¦ "1e3" ¦ "0x10" ¦ "+-4" ¦ "++4" ¦ "+" ¦ "-" ¦ "" ¦ "٤"
+      0    ¦ true ¦ null ¦ [1] ¦ {"a":1}
+      )"))
+    EXPECT_EQ(std::to_string(Transcript::intFrom(Json::parse(row[1]).value())), row[0]) << row[1];
+}
+
+TEST(EstimateCost, PricesByTheExactModelName) {
+  // tokens in ¦ tokens out ¦ cost ¦ models; at 9 and 2 each product is rounded before the sum
+  for (const auto& row : cases(3, R"(
+      1000000 ¦ 1000000 ¦ 90      ¦ claude-opus-4-6 ¦ claude-opus-4-6-20250924 ¦ opus
+      1000000 ¦ 1000000 ¦ 18      ¦ claude-sonnet-4-5-20250929 ¦ sonnet
+      1000000 ¦ 1000000 ¦ 18      ¦ Opus ¦ opus␠ ¦ claude-opus-4-6-20990101 ¦ ∅
+      1000    ¦ 500     ¦ 0.0028  ¦ claude-haiku-4-5-20251001 ¦ haiku
+      9       ¦ 2       ¦ 1.5199999999999998e-05 ¦ claude-haiku-4-5-20251001
+      -1000   ¦ 0       ¦ -0.0008 ¦ haiku
+      )"))
+    EXPECT_EQ(Transcript::estimateCost(row[3], std::stoll(row[0]), std::stoll(row[1])), std::stod(row[2]))
+        << row[3];
 }
 
 }  // namespace
