@@ -176,8 +176,8 @@ bool exists(const std::string& path) {
 
 std::optional<std::int64_t> size(const std::string& path) {
   struct stat attributes;
-  if (::stat(cPath(path), &attributes) != 0) return std::nullopt;
-  return attributes.st_size;
+  return ::stat(cPath(path), &attributes) == 0 ? std::optional<std::int64_t>(attributes.st_size)
+                                               : std::nullopt;
 }
 
 std::error_code write(const std::string& path, std::string_view bytes, unsigned mode) {

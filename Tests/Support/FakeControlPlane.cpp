@@ -296,6 +296,6 @@ std::string FakeControlPlane::url() const {
 }
 
 std::string FakeControlPlane::url(const std::string& host) const {
-  const char* scheme = state_->tls && !state_->options.plainFirst ? "https://" : "http://";
-  return scheme + host + ":" + std::to_string(port());
+  return (state_->tls && !state_->options.plainFirst ? "https://" : "http://") + host + ":" +
+         std::to_string(port());
 }
