@@ -289,7 +289,6 @@ int FakeControlPlane::connections() const {
 int FakeControlPlane::port() const {
   return state_->listener.local_endpoint().port();
 }
-
 std::string FakeControlPlane::url() const {
   const auto& address = state_->options.address;
   return url(address.find(':') == address.npos ? address : "[" + address + "]");
