@@ -127,7 +127,6 @@ std::size_t lineEnd(std::string_view text, std::size_t from) {
   return end;
 }
 
-// Where reading begins that is to begin at `offset`.
 std::size_t startOf(const struct stat& attributes, std::int64_t offset) {
   return offset < 0 || offset > attributes.st_size ? 0 : static_cast<std::size_t>(offset);
 }
